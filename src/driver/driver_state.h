@@ -214,6 +214,13 @@ extern DWORD g_openComPort;
 extern HANDLE g_openGpibHandle;
 extern HANDLE g_openScsiHandle;
 
+/* ---- Driver-side WINMM calls (not every SDK's mmddk.h declares them) ---- */
+
+BOOL WINAPI mciDriverNotify(HANDLE callback, MCIDEVICEID deviceId, UINT status);
+UINT WINAPI mciDriverYield(MCIDEVICEID deviceId);
+UINT WINAPI mciLoadCommandResource(HINSTANCE instance, LPCWSTR resourceName, UINT type);
+BOOL WINAPI mciFreeCommandResource(UINT table);
+
 /* ---- Dispatch and notification ------------------------------------------ */
 
 DWORD MciDispatchCommand(MCIDEVICEID deviceId, UINT message, DWORD flags, LPVOID params);
