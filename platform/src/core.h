@@ -52,6 +52,16 @@ public:
     // under the world lock.
     virtual bool Signalled() const { return false; }
     virtual void Acquire() {}
+    // Whether CloseHandle accepts this object (kernel objects: events,
+    // threads, files). Windows, GDI objects and modules have their own
+    // release calls.
+    virtual bool ClosedByCloseHandle() const
+    {
+        return kind_ == Kind::Event || kind_ == Kind::Thread || kind_ == Kind::File;
+    }
+    // Called by CloseHandle after the handle left the table, without the
+    // world lock. The object itself goes when its last reference does.
+    virtual void OnClose() {}
 
 private:
     Kind kind_;
@@ -95,7 +105,8 @@ inline Lock LockWorld() { return Lock(WorldMutex()); }
 // world lock held, after changing state under it.
 void WakeAll();
 
-// Current tick count in ms (real or virtual) without side effects.
+// Current tick count in ms (real or virtual) without side effects. Use this,
+// not GetTickCount, inside the platform: GetTickCount takes the world lock.
 DWORD Now();
 // 64-bit millisecond time, for deadlines.
 uint64_t Now64();
@@ -124,12 +135,29 @@ struct ThreadState {
     // Called (with the world lock NOT held) when the thread ends, in reverse
     // order of registration; user32 destroys the thread's windows here.
     std::vector<std::function<void()>> atExit;
+    // Exit code when the thread ends (ExitThread, TerminateThread or the
+    // start routine's result).
+    DWORD exitCode = 0;
+    // Set while the thread runs its end-of-thread work; termination requests
+    // are ignored from then on.
+    bool ending = false;
+    // True for threads started by CreateThread (they end with pthread_exit).
+    bool platformThread = false;
 };
 
 // The calling thread's record, registered on first use.
 ThreadState &CurrentThread();
 // The record of a live thread by id; null if no such thread.
 std::shared_ptr<ThreadState> ThreadById(DWORD id);
+// Registers a record for a thread about to be started by CreateThread, so it
+// counts as running (holding the virtual clock) before it gets going.
+std::shared_ptr<ThreadState> RegisterNewThread();
+// Makes `state` the calling thread's record (first thing a new thread does).
+void AttachCurrentThread(const std::shared_ptr<ThreadState> &state);
+// End-of-thread work: runs atExit (world lock not held) and unregisters.
+void DetachCurrentThread();
+// Ends the calling thread now: unwinds it (pthread_exit) without returning.
+[[noreturn]] void EndCurrentThread();
 
 // Converts between UTF-16 and UTF-8.
 std::string ToUtf8(LPCWSTR s, int len = -1);
