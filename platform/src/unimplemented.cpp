@@ -22,8 +22,8 @@ uintptr_t Unimplemented(const char *name)
         return Unimplemented(#name);                                                     \
     }
 
-PLAT_UNIMPLEMENTED(*PlatGetWindowsDirectory)
-PLAT_UNIMPLEMENTED(*PlatKindName)
+PLAT_UNIMPLEMENTED(PlatGetWindowsDirectory)
+PLAT_UNIMPLEMENTED(PlatKindName)
 PLAT_UNIMPLEMENTED(AdjustWindowRect)
 PLAT_UNIMPLEMENTED(BeginPaint)
 PLAT_UNIMPLEMENTED(BitBlt)
@@ -256,7 +256,6 @@ PLAT_UNIMPLEMENTED(WinHelpW)
 PLAT_UNIMPLEMENTED(WriteFile)
 PLAT_UNIMPLEMENTED(WritePrivateProfileStringW)
 PLAT_UNIMPLEMENTED(WriteProfileStringW)
-PLAT_UNIMPLEMENTED(__attribute__)
 PLAT_UNIMPLEMENTED(lstrcatW)
 PLAT_UNIMPLEMENTED(lstrcmpW)
 PLAT_UNIMPLEMENTED(lstrcmpiW)
