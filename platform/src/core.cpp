@@ -394,6 +394,11 @@ void DetachCurrentThread()
         state->atExit.pop_back();
         fn();
     }
+    ForgetThread(state);
+}
+
+void ForgetThread(const std::shared_ptr<ThreadState> &state)
+{
     {
         Registry &reg = Threads();
         std::lock_guard<std::mutex> guard(reg.mutex);

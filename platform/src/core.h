@@ -156,6 +156,8 @@ std::shared_ptr<ThreadState> RegisterNewThread();
 void AttachCurrentThread(const std::shared_ptr<ThreadState> &state);
 // End-of-thread work: runs atExit (world lock not held) and unregisters.
 void DetachCurrentThread();
+// Unregisters a record that never ran (its thread could not be started).
+void ForgetThread(const std::shared_ptr<ThreadState> &state);
 // Ends the calling thread now: unwinds it (pthread_exit) without returning.
 [[noreturn]] void EndCurrentThread();
 
