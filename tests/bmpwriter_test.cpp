@@ -1,0 +1,416 @@
+// The bitmap file writer: files of every depth as an independent reader
+// sees them, the exact header fields, error mapping and cleanup on every
+// failure, and cancel requests.
+#include "driver_fixture.h"
+
+#include "display/display_rects.h"
+#include "image/image.h"
+
+#include <cstdio>
+#include <cstdlib>
+#include <fstream>
+#include <iterator>
+#include <string>
+#include <sys/stat.h>
+#include <fcntl.h>
+#include <unistd.h>
+#include <vector>
+
+namespace
+{
+
+struct Rgb {
+    int r, g, b;
+    bool operator==(const Rgb &o) const { return r == o.r && g == o.g && b == o.b; }
+};
+
+std::string Shell(const std::string &cmd, int *status)
+{
+    std::string out;
+    FILE *p = popen(cmd.c_str(), "r");
+    if (!p) {
+        *status = -1;
+        return out;
+    }
+    char buf[4096];
+    size_t n;
+    while ((n = fread(buf, 1, sizeof buf, p)) > 0)
+        out.append(buf, n);
+    *status = pclose(p);
+    return out;
+}
+
+// Decodes a binary PPM (P6, maxval 255).
+bool ParsePpm(const std::string &data, int *w, int *h, std::vector<Rgb> *pixels)
+{
+    size_t pos = 0;
+    auto token = [&]() {
+        while (pos < data.size() && (isspace((unsigned char)data[pos]) || data[pos] == '#')) {
+            if (data[pos] == '#')
+                while (pos < data.size() && data[pos] != '\n')
+                    pos++;
+            else
+                pos++;
+        }
+        size_t start = pos;
+        while (pos < data.size() && !isspace((unsigned char)data[pos]))
+            pos++;
+        return data.substr(start, pos - start);
+    };
+    if (token() != "P6")
+        return false;
+    *w = atoi(token().c_str());
+    *h = atoi(token().c_str());
+    if (token() != "255")
+        return false;
+    pos++;
+    if (data.size() - pos < (size_t)(*w) * (*h) * 3)
+        return false;
+    pixels->clear();
+    for (int i = 0; i < (*w) * (*h); i++, pos += 3)
+        pixels->push_back({(unsigned char)data[pos], (unsigned char)data[pos + 1], (unsigned char)data[pos + 2]});
+    return true;
+}
+
+// Reads a bitmap file with python3/PIL, else ImageMagick. Empty reader
+// name when neither is available.
+bool ReadWithIndependentReader(const std::string &path, std::string *reader, int *w, int *h, std::vector<Rgb> *pixels)
+{
+    int status;
+    // The first interpreter that has PIL, looked for once.
+    static std::string python = [] {
+        for (const char *candidate : {"/usr/bin/python3", "python3"}) {
+            int st;
+            Shell(std::string(candidate) + " -c 'import PIL' 2>/dev/null", &st);
+            if (st == 0)
+                return std::string(candidate);
+        }
+        return std::string();
+    }();
+    if (!python.empty()) {
+        *reader = "PIL";
+        std::string out = Shell(python +
+                                    " -c \"import sys; from PIL import Image; im = Image.open(sys.argv[1]); "
+                                    "im.load(); sys.stdout.buffer.write(b'P6 %d %d 255\\n' % im.size + "
+                                    "im.convert('RGB').tobytes())\" '" +
+                                    path + "'",
+                                &status);
+        return status == 0 && ParsePpm(out, w, h, pixels);
+    }
+    if (access("/usr/bin/convert", X_OK) == 0) {
+        *reader = "ImageMagick";
+        std::string out = Shell("/usr/bin/convert 'bmp:" + path + "' -depth 8 ppm:- 2>/dev/null", &status);
+        return status == 0 && ParsePpm(out, w, h, pixels);
+    }
+    reader->clear();
+    return false;
+}
+
+std::vector<BYTE> ReadFile(const std::string &path)
+{
+    std::ifstream f(path, std::ios::binary);
+    return std::vector<BYTE>(std::istreambuf_iterator<char>(f), {});
+}
+
+DWORD U32(const std::vector<BYTE> &b, size_t at)
+{
+    return b[at] | b[at + 1] << 8 | b[at + 2] << 16 | (DWORD)b[at + 3] << 24;
+}
+
+bool Exists(const std::string &path)
+{
+    struct stat st;
+    return stat(path.c_str(), &st) == 0;
+}
+
+} // namespace
+
+class BmpWriterTest : public DriverTest
+{
+protected:
+    void SetUp() override
+    {
+        DriverTest::SetUp();
+        char tmpl[] = "/tmp/tamrix_bmp_XXXXXX";
+        ASSERT_NE(mkdtemp(tmpl), nullptr);
+        dir_ = tmpl;
+        g_settings.model = 4;
+        g_settings.interfaceType = IF_RS232C;
+        g_targetWnd = nullptr;
+        g_dstRect = ScanRect{0, 0, 16, 16};
+        g_dispReleased = 0;
+        ASSERT_EQ(ImgCreateInitialImages(), 1);
+    }
+    void TearDown() override
+    {
+        ImgFreeImages();
+        std::string cmd = "rm -rf '" + dir_ + "'";
+        if (system(cmd.c_str()) != 0)
+            ADD_FAILURE() << "could not remove " << dir_;
+        DriverTest::TearDown();
+    }
+
+    // Scans a width x height picture in the given mode into a new current
+    // image, with a pattern that uses many levels.
+    void MakeImage(SHORT colorMode, SHORT colorStep, int width, int height)
+    {
+        g_scanParams = ScanParams{};
+        g_scanParams.resolution = 90;
+        g_scanParams.colorMode = colorMode;
+        g_scanParams.colorStep = colorStep;
+        g_scanParams.areaWidth = (SHORT)width;
+        g_scanParams.areaLength = (SHORT)height;
+        g_alignShift = g_alignFailed = 0;
+        DWORD raw, stride, w, h;
+        ImgComputeGeometry(&g_scanParams, &raw, &stride, &w, &h);
+        ASSERT_EQ(ImgCreateScanBuffers(raw, stride, w, h), 1);
+        ImgStoreLine(0);
+        for (DWORD y = 0; y < h; y++) {
+            for (DWORD i = 0; i < raw; i++)
+                g_rawLine[i] = (BYTE)(i * 37 + y * 101 + (i * i) / 5);
+            ImgStoreLine(1);
+        }
+        ImgFreeScanBuffers(1);
+        ImgCommitScan();
+    }
+
+    // Every pixel of the current image as the DIB and its table say.
+    static std::vector<Rgb> ImagePixels()
+    {
+        BITMAPINFOHEADER hdr = g_imageInfo->bmiHeader;
+        DWORD stride = ((hdr.biBitCount * hdr.biWidth + 31) / 32) * 4;
+        std::vector<BYTE> info(40 + 1024);
+        *(BITMAPINFOHEADER *)info.data() = hdr;
+        std::vector<BYTE> bits(stride * hdr.biHeight);
+        EXPECT_EQ(GetDIBits(g_imageDC, g_imageBitmap, 0, hdr.biHeight, bits.data(), (BITMAPINFO *)info.data(),
+                            DIB_RGB_COLORS),
+                  hdr.biHeight);
+        RGBQUAD table[256] = {};
+        if (hdr.biBitCount <= 8)
+            GetDIBColorTable(g_imageDC, 0, 256, table);
+        std::vector<Rgb> out;
+        for (LONG y = 0; y < hdr.biHeight; y++) {
+            const BYTE *row = bits.data() + (size_t)(hdr.biHeight - 1 - y) * stride;
+            for (LONG x = 0; x < hdr.biWidth; x++) {
+                if (hdr.biBitCount == 24) {
+                    out.push_back({row[3 * x + 2], row[3 * x + 1], row[3 * x]});
+                } else {
+                    int perByte = 8 / hdr.biBitCount;
+                    int idx =
+                        (row[x / perByte] >> (8 - hdr.biBitCount * (x % perByte + 1))) & ((1 << hdr.biBitCount) - 1);
+                    out.push_back({table[idx].rgbRed, table[idx].rgbGreen, table[idx].rgbBlue});
+                }
+            }
+        }
+        return out;
+    }
+
+    // Runs the save thread on `path` and returns its result.
+    LONG Save(const std::string &path, bool cancelFirst = false)
+    {
+        name_.assign(path.begin(), path.end());
+        name_.push_back(0);
+        g_saveRequest.callback = nullptr;
+        g_saveRequest.fileName = name_.data();
+        g_saveResult = -1;
+        g_saveCancel = cancelFirst ? 1 : 0;
+        long threads = PlatLiveCount(PLAT_KIND_THREAD);
+        g_hSaveThread = CreateThread(nullptr, 256, ImgSaveThread, &g_saveRequest, CREATE_SUSPENDED, nullptr);
+        EXPECT_NE(g_hSaveThread, nullptr);
+        ResumeThread(g_hSaveThread);
+        for (int i = 0; i < 100000 && MciReadResult(&g_saveResult) < 0; i++)
+            Sleep(1);
+        for (int i = 0; i < 100000 && PlatLiveCount(PLAT_KIND_THREAD) != threads; i++)
+            Sleep(1);
+        g_hSaveThread = nullptr;
+        return MciReadResult(&g_saveResult);
+    }
+
+    std::string Path(const char *name) const { return dir_ + "/" + name; }
+
+    std::string dir_;
+    std::vector<WCHAR> name_;
+};
+
+TEST_F(BmpWriterTest, EveryDepthAsAnotherReaderSeesIt)
+{
+    struct Case {
+        SHORT mode, step;
+        int width;
+        WORD bits;
+        DWORD table, clrUsed;
+    };
+    const Case cases[] = {
+        {0, 1, 50, 1, 8, 0},    {0, 2, 13, 4, 16, 4}, {0, 4, 13, 4, 64, 0},   {0, 8, 13, 8, 1024, 0},
+        {0, 5, 11, 8, 1024, 0}, {16, 1, 9, 4, 64, 0}, {16, 2, 9, 8, 1024, 0}, {16, 8, 9, 24, 0, 0},
+    };
+    for (const Case &c : cases) {
+        SCOPED_TRACE(::testing::Message() << "mode " << c.mode << " step " << c.step);
+        MakeImage(c.mode, c.step, c.width, 3);
+        std::vector<BYTE> infoBefore((BYTE *)g_imageInfo, (BYTE *)g_imageInfo + 40 + c.table);
+        std::string path = Path("img.bmp");
+        ASSERT_EQ(Save(path), 0);
+        EXPECT_TRUE(std::equal(infoBefore.begin(), infoBefore.end(), (BYTE *)g_imageInfo));
+
+        std::vector<BYTE> f = ReadFile(path);
+        DWORD rowBytes = ((c.bits * c.width + 7) / 8 + 3) / 4 * 4;
+        ASSERT_EQ(f.size(), 54 + c.table + 3 * rowBytes);
+        EXPECT_EQ(f[0], 'B');
+        EXPECT_EQ(f[1], 'M');
+        EXPECT_EQ(U32(f, 2), 54 + c.table + g_imageBytes);
+        EXPECT_EQ(U32(f, 6), 0u);
+        EXPECT_EQ(U32(f, 10), 54 + c.table);
+        EXPECT_EQ(U32(f, 14), 40u);
+        EXPECT_EQ((LONG)U32(f, 18), c.width);
+        EXPECT_EQ(U32(f, 22), 3u);
+        EXPECT_EQ(f[28], c.bits);
+        EXPECT_EQ(U32(f, 46), c.clrUsed);
+        if (c.bits == 1) {
+            // 50 pixels: 8-byte rows, white then black in the table.
+            EXPECT_EQ(rowBytes, 8u);
+            EXPECT_EQ(U32(f, 54), 0x00FFFFFFu);
+            EXPECT_EQ(U32(f, 58), 0u);
+        }
+
+        std::string reader;
+        int w = 0, h = 0;
+        std::vector<Rgb> seen;
+        bool ok = ReadWithIndependentReader(path, &reader, &w, &h, &seen);
+        if (reader.empty())
+            GTEST_SKIP() << "neither python3 with PIL nor ImageMagick is installed: cannot read the files back";
+        ASSERT_TRUE(ok) << reader << " could not read " << path;
+        EXPECT_EQ(w, c.width);
+        EXPECT_EQ(h, 3);
+        std::vector<Rgb> want = ImagePixels();
+        ASSERT_EQ(seen.size(), want.size());
+        int distinct = 0;
+        for (size_t i = 0; i < want.size(); i++) {
+            ASSERT_TRUE(seen[i] == want[i])
+                << reader << ": pixel " << i << " is " << seen[i].r << "," << seen[i].g << "," << seen[i].b << ", want "
+                << want[i].r << "," << want[i].g << "," << want[i].b;
+            if (i > 0 && !(want[i] == want[i - 1]))
+                distinct++;
+        }
+        EXPECT_GT(distinct, 3); // the picture is not blank
+    }
+}
+
+TEST_F(BmpWriterTest, FailuresMapAndLeaveNoFile)
+{
+    MakeImage(0, 1, 50, 3);
+    std::string path = Path("out.bmp");
+
+    EXPECT_EQ(Save(Path("missing/dir/out.bmp")), (LONG)MCIERR_FILE_NOT_FOUND);
+
+    struct Mapped {
+        DWORD error;
+        LONG result;
+    };
+    const Mapped opens[] = {{ERROR_ACCESS_DENIED, MCIERR_FILENAME_REQUIRED},
+                            {123, MCIERR_FILENAME_REQUIRED},
+                            {ERROR_PATH_NOT_FOUND, MCIERR_FILE_NOT_FOUND},
+                            {267, MCIERR_FILE_NOT_FOUND},
+                            {2401, MCIERR_FILE_NOT_FOUND},
+                            {ERROR_WRITE_FAULT, MCIERR_FILE_WRITE},
+                            {1013, MCIERR_FILE_WRITE},
+                            {ERROR_DISK_FULL, MCIERR_FILE_NOT_SAVED}};
+    for (const Mapped &m : opens) {
+        PlatFailCall("CreateFileW", 1, m.error);
+        EXPECT_EQ(Save(path), m.result) << "error " << m.error;
+        EXPECT_FALSE(Exists(path));
+        PlatClearFaults();
+    }
+    // A full disk at the file header, the info block and the first row.
+    for (unsigned nth = 1; nth <= 3; nth++) {
+        PlatFailCall("WriteFile", nth, ERROR_DISK_FULL);
+        EXPECT_EQ(Save(path), (LONG)MCIERR_FILE_NOT_SAVED) << "write " << nth;
+        EXPECT_FALSE(Exists(path)) << "write " << nth;
+        PlatClearFaults();
+    }
+    PlatFailCall("WriteFile", 2, 29);
+    EXPECT_EQ(Save(path), (LONG)MCIERR_FILE_WRITE);
+    PlatClearFaults();
+    // No memory for the row buffer, for the header backup, or a row that
+    // cannot be read.
+    PlatFailCall("GlobalAlloc", 1, 0);
+    EXPECT_EQ(Save(path), (LONG)MCIERR_OUT_OF_MEMORY);
+    EXPECT_FALSE(Exists(path));
+    PlatClearFaults();
+    PlatFailCall("GlobalAlloc", 2, 0);
+    EXPECT_EQ(Save(path), (LONG)MCIERR_DRIVER_INTERNAL);
+    EXPECT_FALSE(Exists(path));
+    PlatClearFaults();
+    PlatFailCall("GetDIBits", 2, 0);
+    EXPECT_EQ(Save(path), (LONG)MCIERR_OUT_OF_MEMORY);
+    EXPECT_FALSE(Exists(path));
+    PlatClearFaults();
+    // A previous file of the same name is replaced, not appended to.
+    ASSERT_EQ(Save(path), 0);
+    size_t size = ReadFile(path).size();
+    ASSERT_EQ(Save(path), 0);
+    EXPECT_EQ(ReadFile(path).size(), size);
+}
+
+TEST_F(BmpWriterTest, CancelAtEachCheck)
+{
+    MakeImage(0, 1, 50, 3);
+    std::string path = Path("c.bmp");
+    // Seen before anything is written.
+    EXPECT_EQ(Save(path, true), (LONG)MCIERR_OUT_OF_MEMORY);
+    EXPECT_FALSE(Exists(path));
+
+    // Later checks: the writer is held inside a write to a full pipe while
+    // the cancel request is made. The stale pipe stays because the delete
+    // before the open fails.
+    for (int blockedWrite = 1; blockedWrite <= 3; blockedWrite++) {
+        SCOPED_TRACE(::testing::Message() << "blocked in write " << blockedWrite);
+        std::string fifo = Path("pipe.bmp");
+        ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
+        int rd = open(fifo.c_str(), O_RDONLY | O_NONBLOCK);
+        int wr = open(fifo.c_str(), O_WRONLY | O_NONBLOCK);
+        ASSERT_GE(rd, 0);
+        ASSERT_GE(wr, 0);
+        // A one-page pipe with exactly the bytes of the writes before the
+        // blocked one free.
+        ASSERT_EQ(fcntl(wr, F_SETPIPE_SZ, 4096), 4096);
+        const size_t before[] = {0, 14, 14 + 48};
+        std::vector<char> fill(4096 - before[blockedWrite - 1], 0);
+        ASSERT_EQ(write(wr, fill.data(), fill.size()), (ssize_t)fill.size());
+        std::vector<char> sink(8192);
+
+        PlatFailAlways("DeleteFileW", ERROR_ACCESS_DENIED);
+        name_.assign(fifo.begin(), fifo.end());
+        name_.push_back(0);
+        g_saveRequest.fileName = name_.data();
+        g_saveResult = -1;
+        g_saveCancel = 0;
+        long threads = PlatLiveCount(PLAT_KIND_THREAD);
+        g_hSaveThread = CreateThread(nullptr, 256, ImgSaveThread, &g_saveRequest, CREATE_SUSPENDED, nullptr);
+        ResumeThread(g_hSaveThread);
+        // Wait until the writer sits in the blocked write.
+        unsigned wantCalls = (unsigned)blockedWrite;
+        for (int i = 0; i < 100000 && PlatCallCount("WriteFile") < wantCalls; i++)
+            usleep(100);
+        usleep(20000);
+        EXPECT_EQ(MciReadResult(&g_saveResult), -1);
+        g_saveCancel = 1;
+        PlatClearFaults();
+        // Drain the pipe so the write completes.
+        LONG result = -1;
+        for (int i = 0; i < 100000 && (result = MciReadResult(&g_saveResult)) < 0; i++) {
+            while (read(rd, sink.data(), sink.size()) > 0) {
+            }
+            usleep(100);
+        }
+        for (int i = 0; i < 100000 && PlatLiveCount(PLAT_KIND_THREAD) != threads; i++)
+            usleep(100);
+        g_hSaveThread = nullptr;
+        close(rd);
+        close(wr);
+        // Seen after that write: the file is deleted and, the write itself
+        // having succeeded, nothing maps to a known error.
+        EXPECT_EQ(result, (LONG)MCIERR_FILE_NOT_SAVED);
+        EXPECT_FALSE(Exists(fifo));
+        unlink(fifo.c_str());
+    }
+}

@@ -1,0 +1,256 @@
+// Scan geometry: rectangle conversion with the area limits and the
+// alignment search, and the delivered line geometry of every mode.
+#include "support/platform_fixture.h"
+
+#include "display/display_rects.h"
+#include "image/image.h"
+
+class GeometryTest : public PlatformTest
+{
+protected:
+    void SetUp() override
+    {
+        PlatformTest::SetUp();
+        saved_ = g_scanParams;
+        g_scanParams = ScanParams{};
+        g_scanParams.resolution = 90;
+        g_scanParams.colorStep = 1;
+        g_timeFormat = UNIT_DOT;
+        Use(1, IF_RS232C);
+    }
+    void TearDown() override
+    {
+        g_scanParams = saved_;
+        g_timeFormat = UNIT_DOT;
+        PlatformTest::TearDown();
+    }
+    static void Use(DWORD model, DWORD iface)
+    {
+        g_settings.model = model;
+        g_settings.interfaceType = iface;
+    }
+    static int ToPixels(LONG x, LONG y, LONG w, LONG h, ScanRect *out)
+    {
+        ScanRect r{x, y, w, h};
+        return ImgScanRectToPixels(&r, g_scanParams.resolution, out);
+    }
+    struct Geo {
+        DWORD raw, stride, width, lines, total;
+    };
+    static Geo Compute(SHORT areaWidth, SHORT areaLength)
+    {
+        g_scanParams.areaWidth = areaWidth;
+        g_scanParams.areaLength = areaLength;
+        Geo g{};
+        g.total = ImgComputeGeometry(&g_scanParams, &g.raw, &g.stride, &g.width, &g.lines);
+        return g;
+    }
+
+private:
+    ScanParams saved_{};
+};
+
+TEST_F(GeometryTest, RectanglesAgainstModelAreas)
+{
+    ScanRect px{};
+    // The default area of models 1, 2, 4 fits; the left edge must be >= 0.1 inch.
+    for (DWORD model : {1u, 2u, 4u}) {
+        Use(model, IF_RS232C);
+        EXPECT_EQ(ToPixels(9, 0, 704, 1051, &px), 1) << model;
+        EXPECT_EQ(px.x, 9);
+        EXPECT_EQ(px.width, 704);
+        EXPECT_EQ(px.height, 1051);
+        EXPECT_EQ(ToPixels(0, 0, 100, 100, &px), 0) << model;
+    }
+    // SCSI is 0.0075 inch shorter than the serial interfaces (296.7 mm
+    // fits only the latter).
+    g_timeFormat = UNIT_MILLIMETER;
+    Use(1, IF_SCSI);
+    EXPECT_EQ(ToPixels(26, 0, 100, 2967, &px), 0);
+    EXPECT_EQ(ToPixels(26, 0, 100, 2966, &px), 1);
+    Use(1, IF_RS232C);
+    EXPECT_EQ(ToPixels(26, 0, 100, 2967, &px), 1);
+    g_timeFormat = UNIT_DOT;
+    // Model 3's small area, and model 7's minimum size.
+    Use(3, IF_GPIB);
+    EXPECT_EQ(ToPixels(0, 0, 352, 576, &px), 1);
+    EXPECT_EQ(ToPixels(0, 0, 379, 100, &px), 0);
+    Use(7, IF_GPIB);
+    EXPECT_EQ(ToPixels(0, 0, 3, 100, &px), 1);
+    EXPECT_EQ(ToPixels(0, 0, 2, 100, &px), 0);
+    // Undefined models and interfaces are refused.
+    for (DWORD model : {0u, 8u}) {
+        Use(model, IF_RS232C);
+        EXPECT_EQ(ToPixels(9, 0, 100, 100, &px), 0);
+    }
+    Use(1, 0);
+    EXPECT_EQ(ToPixels(9, 0, 100, 100, &px), 0);
+    Use(5, 4);
+    EXPECT_EQ(ToPixels(9, 0, 100, 100, &px), 0);
+
+    // Tenths of a millimetre and hundredths of an inch: one inch is 90 dots.
+    Use(1, IF_RS232C);
+    g_timeFormat = UNIT_MILLIMETER;
+    ASSERT_EQ(ToPixels(254, 0, 508, 254, &px), 1);
+    EXPECT_EQ(px.x, 90);
+    EXPECT_EQ(px.width, 180);
+    EXPECT_EQ(px.height, 90);
+    g_timeFormat = UNIT_INCH;
+    ASSERT_EQ(ToPixels(100, 50, 200, 100, &px), 1);
+    EXPECT_EQ(px.x, 90);
+    EXPECT_EQ(px.y, 45);
+    EXPECT_EQ(g_scanRectPx.width, 180);
+}
+
+TEST_F(GeometryTest, AlignmentMovesTheLeftEdge)
+{
+    ScanRect px{};
+    Use(2, IF_RS232C);
+    g_scanParams.colorStep = 2;
+    // Room to the right: 50 pixels become 52 in place.
+    ASSERT_EQ(ToPixels(100, 0, 50, 10, &px), 1);
+    EXPECT_EQ(px.width, 52);
+    EXPECT_EQ(px.x, 100);
+    EXPECT_EQ(g_alignShift, 0);
+    EXPECT_EQ(g_alignFailed, 0);
+    EXPECT_EQ(g_scanRectPx.width, 50);
+    // Near the right edge (720 dots at 90 dpi) the window moves left.
+    ASSERT_EQ(ToPixels(669, 0, 50, 10, &px), 1);
+    EXPECT_EQ(px.x, 668);
+    EXPECT_EQ(g_alignShift, 1);
+    ASSERT_EQ(ToPixels(670, 0, 50, 10, &px), 1);
+    EXPECT_EQ(px.x, 668);
+    EXPECT_EQ(px.width, 52);
+    EXPECT_EQ(g_alignShift, 2);
+    EXPECT_EQ(g_scanRectPx.x, 670);
+    // No position fits: the width stays as asked.
+    ASSERT_EQ(ToPixels(9, 0, 709, 10, &px), 1);
+    EXPECT_EQ(g_alignFailed, 1);
+    EXPECT_EQ(g_alignShift, 0);
+    EXPECT_EQ(px.x, 9);
+    EXPECT_EQ(px.width, 709);
+    // Nibble modes round to even widths; single-pass colour and other
+    // models are never widened.
+    g_scanParams.colorStep = 3;
+    ASSERT_EQ(ToPixels(100, 0, 51, 10, &px), 1);
+    EXPECT_EQ(px.width, 52);
+    g_scanParams.colorStep = 5;
+    ASSERT_EQ(ToPixels(100, 0, 51, 10, &px), 1);
+    EXPECT_EQ(px.width, 51);
+    Use(4, IF_RS232C);
+    g_scanParams.colorStep = 2;
+    ASSERT_EQ(ToPixels(100, 0, 51, 10, &px), 1);
+    EXPECT_EQ(px.width, 51);
+}
+
+TEST_F(GeometryTest, WorkedLineGeometry)
+{
+    Geo g = Compute(704, 1051);
+    EXPECT_EQ(g.width, 704u);
+    EXPECT_EQ(g.lines, 1051u);
+    EXPECT_EQ(g.raw, 88u);
+    EXPECT_EQ(g.stride, 88u);
+    EXPECT_EQ(g.total, 92488u);
+    EXPECT_EQ(g_scanTotalBytes, 92488u);
+    EXPECT_EQ(g_rawLineBytes, 88u);
+
+    // A 1/320 inch window at 600 dpi delivers fewer pixels than asked.
+    g_scanParams.resolution = 600;
+    EXPECT_EQ(Compute(3, 3).width, 2u);
+    // Model 7 never rounds up; SCSI and model 5 deliver the area exactly.
+    g_scanParams.resolution = 90;
+    Use(7, IF_GPIB);
+    EXPECT_EQ(Compute(5, 5).width, 4u);
+    Use(1, IF_RS232C);
+    EXPECT_EQ(Compute(5, 5).width, 5u);
+    for (DWORD model : {1u, 5u}) {
+        Use(model, model == 5 ? IF_RS232C : IF_SCSI);
+        for (SHORT res : {50, 90, 300, 600}) {
+            g_scanParams.resolution = res;
+            Geo e = Compute(1001, 77);
+            EXPECT_EQ(e.width, 1001u);
+            EXPECT_EQ(e.lines, 77u);
+        }
+    }
+
+    // Model 3 colour, two levels: three passes of 8 pixels a byte, 4 bpp DIB.
+    Use(3, IF_GPIB);
+    g_scanParams.resolution = 90;
+    g_scanParams.colorMode = 17;
+    Geo c = Compute(352, 576);
+    EXPECT_EQ(c.width, 352u);
+    EXPECT_EQ(c.lines, 576u);
+    EXPECT_EQ(c.raw, 44u);
+    EXPECT_EQ(c.total, 3u * 576u * 44u);
+    EXPECT_EQ(c.stride, 176u);
+}
+
+// For every model, interface, resolution and mode the raw line holds exactly
+// the delivered pixels in the scanner's packing, and the stride exactly the
+// DIB row in whole 32-bit words.
+TEST_F(GeometryTest, BytesFollowThePacking)
+{
+    struct ModeCase {
+        SHORT colorMode;
+        DWORD model; // 0: every model
+    };
+    const ModeCase modes[] = {{0, 0}, {16, 4}, {16, 5}, {17, 3}};
+    int checked = 0;
+    for (const ModeCase &mc : modes) {
+        for (DWORD model = 1; model <= 7; model++) {
+            if (mc.model != 0 && mc.model != model)
+                continue;
+            for (DWORD iface = IF_SCSI; iface <= IF_GPIB; iface++) {
+                Use(model, iface);
+                for (SHORT res : {50, 90, 200, 300, 400, 600}) {
+                    for (SHORT step : {1, 2, 3, 4, 5, 6, 7, 8, 16}) {
+                        for (SHORT w : {1, 7, 33, 350}) {
+                            g_scanParams.resolution = res;
+                            g_scanParams.colorMode = mc.colorMode;
+                            g_scanParams.colorStep = step;
+                            Geo g = Compute(w, 11);
+                            int bits = step == 16 ? 1 : step;
+                            // Bits per pixel on the wire and in the DIB.
+                            int wire, dib;
+                            if (mc.colorMode == 16) {
+                                wire = bits == 1 ? 4 : 24;
+                                dib = bits == 1 ? 4 : bits == 2 ? 8 : 24;
+                            } else {
+                                wire = bits == 1 ? 1 : bits == 2 ? 2 : bits <= 4 ? 4 : 8;
+                                int colours = mc.colorMode ? 3 * bits : bits;
+                                dib = colours == 1 ? 1 : colours <= 4 ? 4 : colours <= 8 ? 8 : 24;
+                            }
+                            SCOPED_TRACE(::testing::Message()
+                                         << "model " << model << " if " << iface << " res " << res << " mode "
+                                         << mc.colorMode << " step " << step << " area " << w);
+                            if (model != 7) {
+                                ASSERT_GT(g.width, 0u);
+                            }
+                            EXPECT_EQ(g.raw, (g.width * wire + 7) / 8);
+                            EXPECT_EQ(g.stride % 4, 0u);
+                            EXPECT_GE(g.stride * 8, g.width * dib);
+                            EXPECT_LT(g.stride * 8, g.width * dib + 32);
+                            EXPECT_EQ(g.total, g.lines * g.raw * (mc.colorMode == 17 ? 3 : 1));
+                            EXPECT_LE(g.width, (DWORD)w + 1);
+                            checked++;
+                        }
+                    }
+                }
+            }
+        }
+    }
+    EXPECT_GT(checked, 3000);
+}
+
+TEST_F(GeometryTest, DefaultRectangles)
+{
+    g_scanParams.areaWidth = 736;
+    g_scanParams.areaLength = 1051;
+    g_srcRect = ScanRect{5, 5, 5, 5};
+    DispInitRects();
+    EXPECT_EQ(g_srcRect.x, 0);
+    EXPECT_EQ(g_srcRect.width, 736);
+    EXPECT_EQ(g_srcRect.height, 1051);
+    EXPECT_EQ(g_dstRect.width, 288);
+    EXPECT_EQ(g_dstRect.height, 400);
+}
