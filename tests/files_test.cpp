@@ -1,0 +1,187 @@
+// Host files: dispositions, reading and writing, positions, deletion and the
+// Win32 error codes of failures.
+#include "support/platform_fixture.h"
+
+#include <cstdlib>
+#include <fstream>
+#include <string>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace
+{
+
+std::u16string Wide(const std::string &s)
+{
+    return std::u16string(s.begin(), s.end());
+}
+
+class FilesTest : public PlatformTest
+{
+protected:
+    void SetUp() override
+    {
+        PlatformTest::SetUp();
+        char tmpl[] = "/tmp/tamrix-files-XXXXXX";
+        ASSERT_NE(mkdtemp(tmpl), nullptr);
+        dir_ = tmpl;
+    }
+    void TearDown() override
+    {
+        std::string cmd = "rm -rf '" + dir_ + "'";
+        EXPECT_EQ(std::system(cmd.c_str()), 0);
+        PlatformTest::TearDown();
+    }
+    // Windows-style name of a file in the test directory.
+    std::u16string Name(const std::string &leaf) { return Wide(dir_ + "\\" + leaf); }
+    std::string Host(const std::string &leaf) { return dir_ + "/" + leaf; }
+    HANDLE Open(const std::string &leaf, DWORD access, DWORD disposition)
+    {
+        return CreateFileW(Name(leaf).c_str(), access, 0, nullptr, disposition, FILE_ATTRIBUTE_NORMAL, nullptr);
+    }
+    std::string dir_;
+};
+
+TEST_F(FilesTest, WriteReadSeekAndSize)
+{
+    long files = PlatLiveCount(PLAT_KIND_FILE);
+    HANDLE h = Open("a.bmp", GENERIC_READ | GENERIC_WRITE, CREATE_NEW);
+    ASSERT_NE(h, INVALID_HANDLE_VALUE);
+    EXPECT_EQ(PlatLiveCount(PLAT_KIND_FILE), files + 1);
+    DWORD n = 0;
+    ASSERT_TRUE(WriteFile(h, "hello, world", 12, &n, nullptr));
+    EXPECT_EQ(n, 12u);
+    DWORD high = 7;
+    EXPECT_EQ(GetFileSize(h, &high), 12u);
+    EXPECT_EQ(high, 0u);
+    EXPECT_EQ(SetFilePointer(h, 7, nullptr, FILE_BEGIN), 7u);
+    char buf[16] = {};
+    ASSERT_TRUE(ReadFile(h, buf, sizeof buf, &n, nullptr));
+    EXPECT_EQ(n, 5u); // up to the end of the file
+    EXPECT_EQ(std::string(buf, n), "world");
+    ASSERT_TRUE(ReadFile(h, buf, sizeof buf, &n, nullptr));
+    EXPECT_EQ(n, 0u);
+    EXPECT_EQ(SetFilePointer(h, -5, nullptr, FILE_END), 7u);
+    EXPECT_EQ(SetFilePointer(h, -8, nullptr, FILE_CURRENT), INVALID_SET_FILE_POINTER);
+    EXPECT_EQ(GetLastError(), DWORD(ERROR_NEGATIVE_SEEK));
+    EXPECT_TRUE(FlushFileBuffers(h));
+    EXPECT_TRUE(CloseHandle(h));
+    EXPECT_EQ(PlatLiveCount(PLAT_KIND_FILE), files);
+    EXPECT_FALSE(WriteFile(h, "x", 1, &n, nullptr));
+    EXPECT_EQ(GetLastError(), DWORD(ERROR_INVALID_HANDLE));
+
+    std::ifstream in(Host("a.bmp"));
+    std::string content;
+    std::getline(in, content);
+    EXPECT_EQ(content, "hello, world");
+}
+
+TEST_F(FilesTest, DispositionsOnExistingAndMissingFiles)
+{
+    HANDLE h = Open("f", GENERIC_WRITE, OPEN_ALWAYS);
+    ASSERT_NE(h, INVALID_HANDLE_VALUE);
+    EXPECT_EQ(GetLastError(), 0u);
+    DWORD n;
+    WriteFile(h, "12345", 5, &n, nullptr);
+    CloseHandle(h);
+
+    h = Open("f", GENERIC_READ, OPEN_ALWAYS);
+    ASSERT_NE(h, INVALID_HANDLE_VALUE);
+    EXPECT_EQ(GetLastError(), DWORD(ERROR_ALREADY_EXISTS));
+    EXPECT_EQ(GetFileSize(h, nullptr), 5u); // kept
+    EXPECT_FALSE(WriteFile(h, "x", 1, &n, nullptr));
+    EXPECT_EQ(GetLastError(), DWORD(ERROR_ACCESS_DENIED));
+    CloseHandle(h);
+
+    h = Open("f", GENERIC_WRITE, CREATE_ALWAYS);
+    ASSERT_NE(h, INVALID_HANDLE_VALUE);
+    EXPECT_EQ(GetLastError(), DWORD(ERROR_ALREADY_EXISTS));
+    EXPECT_EQ(GetFileSize(h, nullptr), 0u); // truncated
+    WriteFile(h, "abc", 3, &n, nullptr);
+    CloseHandle(h);
+
+    h = Open("f", GENERIC_WRITE, TRUNCATE_EXISTING);
+    ASSERT_NE(h, INVALID_HANDLE_VALUE);
+    EXPECT_EQ(GetFileSize(h, nullptr), 0u);
+    CloseHandle(h);
+
+    EXPECT_EQ(Open("f", GENERIC_WRITE, CREATE_NEW), INVALID_HANDLE_VALUE);
+    EXPECT_EQ(GetLastError(), DWORD(ERROR_FILE_EXISTS));
+    EXPECT_EQ(Open("missing", GENERIC_READ, OPEN_EXISTING), INVALID_HANDLE_VALUE);
+    EXPECT_EQ(GetLastError(), DWORD(ERROR_FILE_NOT_FOUND));
+    EXPECT_EQ(Open("missing", GENERIC_WRITE, TRUNCATE_EXISTING), INVALID_HANDLE_VALUE);
+    EXPECT_EQ(GetLastError(), DWORD(ERROR_FILE_NOT_FOUND));
+    EXPECT_EQ(Open("f", GENERIC_READ, 99), INVALID_HANDLE_VALUE);
+    EXPECT_EQ(GetLastError(), DWORD(ERROR_INVALID_PARAMETER));
+}
+
+TEST_F(FilesTest, FailuresThatStopRootToo)
+{
+    // A missing directory, and a file used as a directory: path not found.
+    EXPECT_EQ(Open("nodir\\x.bmp", GENERIC_WRITE, OPEN_ALWAYS), INVALID_HANDLE_VALUE);
+    EXPECT_EQ(GetLastError(), DWORD(ERROR_PATH_NOT_FOUND));
+    HANDLE h = Open("plain", GENERIC_WRITE, CREATE_NEW);
+    ASSERT_NE(h, INVALID_HANDLE_VALUE);
+    CloseHandle(h);
+    EXPECT_EQ(Open("plain\\x.bmp", GENERIC_WRITE, OPEN_ALWAYS), INVALID_HANDLE_VALUE);
+    EXPECT_EQ(GetLastError(), DWORD(ERROR_PATH_NOT_FOUND));
+    // A directory cannot be opened as a file nor deleted as one.
+    ASSERT_EQ(mkdir(Host("sub").c_str(), 0755), 0);
+    EXPECT_EQ(Open("sub", GENERIC_READ | GENERIC_WRITE, OPEN_ALWAYS), INVALID_HANDLE_VALUE);
+    EXPECT_EQ(GetLastError(), DWORD(ERROR_ACCESS_DENIED));
+    EXPECT_FALSE(DeleteFileW(Name("sub").c_str()));
+    EXPECT_EQ(GetLastError(), DWORD(ERROR_ACCESS_DENIED));
+    std::string longName(300, 'n');
+    EXPECT_EQ(Open(longName, GENERIC_WRITE, CREATE_ALWAYS), INVALID_HANDLE_VALUE);
+    EXPECT_EQ(GetLastError(), DWORD(ERROR_FILENAME_EXCED_RANGE));
+}
+
+TEST_F(FilesTest, DeleteFile)
+{
+    HANDLE h = Open("d", GENERIC_WRITE, CREATE_NEW);
+    ASSERT_NE(h, INVALID_HANDLE_VALUE);
+    CloseHandle(h);
+    EXPECT_TRUE(DeleteFileW(Name("d").c_str()));
+    EXPECT_NE(access(Host("d").c_str(), F_OK), 0);
+    EXPECT_FALSE(DeleteFileW(Name("d").c_str()));
+    EXPECT_EQ(GetLastError(), DWORD(ERROR_FILE_NOT_FOUND));
+    EXPECT_FALSE(DeleteFileW(Name("nodir\\d").c_str()));
+    EXPECT_EQ(GetLastError(), DWORD(ERROR_PATH_NOT_FOUND));
+}
+
+TEST_F(FilesTest, InjectedFailures)
+{
+    HANDLE h = Open("i", GENERIC_READ | GENERIC_WRITE, CREATE_NEW);
+    ASSERT_NE(h, INVALID_HANDLE_VALUE);
+    DWORD n = 99;
+    PlatFailCall("WriteFile", 1, ERROR_DISK_FULL);
+    EXPECT_FALSE(WriteFile(h, "abc", 3, &n, nullptr));
+    EXPECT_EQ(GetLastError(), DWORD(ERROR_DISK_FULL));
+    EXPECT_EQ(n, 0u);
+    EXPECT_EQ(GetFileSize(h, nullptr), 0u);           // nothing reached the file
+    EXPECT_TRUE(WriteFile(h, "abc", 3, &n, nullptr)); // only the first call fails
+
+    PlatFailCall("ReadFile", 1, ERROR_READ_FAULT);
+    SetFilePointer(h, 0, nullptr, FILE_BEGIN);
+    char buf[4];
+    EXPECT_FALSE(ReadFile(h, buf, 3, &n, nullptr));
+    EXPECT_EQ(GetLastError(), DWORD(ERROR_READ_FAULT));
+    PlatFailCall("SetFilePointer", 1, 0);
+    EXPECT_EQ(SetFilePointer(h, 0, nullptr, FILE_BEGIN), INVALID_SET_FILE_POINTER);
+    PlatFailCall("FlushFileBuffers", 1, ERROR_WRITE_FAULT);
+    EXPECT_FALSE(FlushFileBuffers(h));
+    EXPECT_EQ(GetLastError(), DWORD(ERROR_WRITE_FAULT));
+    CloseHandle(h);
+
+    long files = PlatLiveCount(PLAT_KIND_FILE);
+    PlatFailCall("CreateFileW", 1, ERROR_SHARING_VIOLATION);
+    EXPECT_EQ(Open("i", GENERIC_READ, OPEN_EXISTING), INVALID_HANDLE_VALUE);
+    EXPECT_EQ(GetLastError(), DWORD(ERROR_SHARING_VIOLATION));
+    EXPECT_EQ(PlatLiveCount(PLAT_KIND_FILE), files);
+    PlatFailCall("DeleteFileW", 1, 0);
+    EXPECT_FALSE(DeleteFileW(Name("i").c_str()));
+    EXPECT_EQ(GetLastError(), DWORD(ERROR_ACCESS_DENIED));
+    EXPECT_EQ(access(Host("i").c_str(), F_OK), 0); // still there
+}
+
+} // namespace
