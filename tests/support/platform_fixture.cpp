@@ -77,3 +77,10 @@ void PlatformTest::TearDown()
     std::string leaks = tamrix_test::LiveCountDifferences(start_);
     EXPECT_TRUE(leaks.empty()) << "platform objects left behind:\n" << leaks;
 }
+
+// The test program's entry point (one program for every test file).
+int main(int argc, char **argv)
+{
+    ::testing::InitGoogleTest(&argc, argv);
+    return RUN_ALL_TESTS();
+}
