@@ -432,3 +432,36 @@ TEST_F(GdiTest, InjectedFailuresReturnTheFailureValueAndTheError)
 }
 
 } // namespace
+
+namespace
+{
+
+TEST_F(GdiTest, WindowDcDrawsIntoTheWindowsOwnSurface)
+{
+    WNDCLASSW wc{};
+    wc.lpfnWndProc = DefWindowProcW;
+    wc.lpszClassName = u"GdiTestWnd";
+    ASSERT_NE(RegisterClassW(&wc), 0);
+    HWND wnd = CreateWindowExW(0, u"GdiTestWnd", u"", WS_POPUP, 0, 0, 40, 30, nullptr, nullptr, nullptr, nullptr);
+    ASSERT_NE(wnd, nullptr);
+    RECT client{};
+    ASSERT_TRUE(GetClientRect(wnd, &client));
+    HDC dc = GetDC(wnd);
+    ASSERT_NE(dc, nullptr);
+    HBRUSH red = CreateSolidBrush(kRed);
+    RECT r{2, 3, 5, 6};
+    EXPECT_EQ(FillRect(dc, &r, red), 1);
+    EXPECT_EQ(ReleaseDC(wnd, dc), 1);
+    // A later DC of the same window sees what the first one drew.
+    dc = GetDC(wnd);
+    EXPECT_EQ(GetPixel(dc, 4, 5), kRed);
+    EXPECT_EQ(GetPixel(dc, 5, 5), kWhite);
+    EXPECT_EQ(GetPixel(dc, client.right, 0), CLR_INVALID); // outside the client area
+    EXPECT_EQ(ReleaseDC(wnd, dc), 1);
+    DeleteObject(red);
+    EXPECT_TRUE(DestroyWindow(wnd));
+    EXPECT_EQ(GetDC(wnd), nullptr);
+    EXPECT_TRUE(UnregisterClassW(u"GdiTestWnd", nullptr));
+}
+
+} // namespace

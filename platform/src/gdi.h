@@ -4,7 +4,9 @@
 //
 // The state of GDI objects is guarded by one mutex of its own (GDI never
 // blocks, so it does not wait under the world lock). USER32 is reached through its public
-// API only (IsWindow, GetClientRect), never with that mutex held.
+// API only (IsWindow, GetClientRect), never with that mutex held; GetDC and
+// GetWindowDC make those calls, so USER32 must not call them while it holds
+// the world lock.
 #pragma once
 
 #include "core.h"
