@@ -1,0 +1,285 @@
+// Window classes and windows: registration rules, the creation and
+// destruction message sequences, text and fields through the window
+// procedure, state flags, geometry and thread ownership.
+#include "support/platform_fixture.h"
+
+#include <string>
+#include <vector>
+
+namespace
+{
+
+using Log = std::vector<std::pair<HWND, UINT>>;
+
+// The text as plain ASCII, so that failures print readably.
+std::string Narrow(const WCHAR *s)
+{
+    std::string out;
+    for (; *s; ++s)
+        out += *s < 0x80 ? static_cast<char>(*s) : '?';
+    return out;
+}
+Log g_log;
+UINT_PTR g_createParam = 0;
+DWORD g_destroyThread = 0;
+std::vector<LPARAM> g_sizes;
+
+LRESULT CALLBACK LoggingProc(HWND hwnd, UINT msg, WPARAM wParam, LPARAM lParam)
+{
+    if (msg == WM_CREATE || msg == WM_DESTROY || msg == WM_NCDESTROY || msg == WM_NCCREATE)
+        g_log.emplace_back(hwnd, msg);
+    if (msg == WM_NCDESTROY)
+        g_destroyThread = GetCurrentThreadId();
+    if (msg == WM_CREATE) {
+        auto *cs = reinterpret_cast<CREATESTRUCTW *>(lParam);
+        g_createParam = reinterpret_cast<UINT_PTR>(cs->lpCreateParams);
+        if (g_createParam == 0xDEAD)
+            return -1;
+    }
+    return DefWindowProcW(hwnd, msg, wParam, lParam);
+}
+
+class UserWindowTest : public PlatformTest
+{
+protected:
+    void SetUp() override
+    {
+        PlatformTest::SetUp();
+        g_log.clear();
+        WNDCLASSW wc{};
+        wc.lpfnWndProc = LoggingProc;
+        wc.cbWndExtra = 2 * static_cast<int>(sizeof(LONG_PTR));
+        wc.hInstance = Instance();
+        wc.lpszClassName = TEXT("UserTestWnd");
+        ASSERT_NE(RegisterClassW(&wc), 0);
+    }
+    void TearDown() override
+    {
+        EXPECT_TRUE(UnregisterClassW(TEXT("UserTestWnd"), Instance()));
+        PlatformTest::TearDown();
+    }
+    static HINSTANCE Instance() { return reinterpret_cast<HINSTANCE>(static_cast<uintptr_t>(0x5000)); }
+    static HWND Make(DWORD style, HWND parent = nullptr, LPVOID param = nullptr, LPCWSTR title = TEXT("Title"))
+    {
+        return CreateWindowExW(0, TEXT("usertestwnd"), title, style, 10, 20, 200, 150, parent, nullptr, Instance(),
+                               param);
+    }
+};
+
+TEST_F(UserWindowTest, ClassRegistrationRules)
+{
+    WNDCLASSW wc{};
+    wc.lpfnWndProc = DefWindowProcW;
+    wc.hInstance = Instance();
+    wc.lpszClassName = TEXT("USERTESTWND"); // same name, other case
+    EXPECT_EQ(RegisterClassW(&wc), 0);
+    EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_CLASS_ALREADY_EXISTS));
+
+    WNDCLASSW info{};
+    ASSERT_TRUE(GetClassInfoW(Instance(), TEXT("UserTestWND"), &info));
+    EXPECT_EQ(info.lpfnWndProc, &LoggingProc);
+    EXPECT_EQ(info.cbWndExtra, 2 * static_cast<int>(sizeof(LONG_PTR)));
+
+    HWND w = Make(WS_OVERLAPPEDWINDOW);
+    ASSERT_NE(w, nullptr);
+    EXPECT_FALSE(UnregisterClassW(TEXT("UserTestWnd"), Instance()));
+    EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_CLASS_HAS_WINDOWS));
+    EXPECT_TRUE(DestroyWindow(w));
+    EXPECT_FALSE(UnregisterClassW(TEXT("NoSuchClass"), Instance()));
+    EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_CLASS_DOES_NOT_EXIST));
+    EXPECT_EQ(CreateWindowExW(0, TEXT("NoSuchClass"), nullptr, 0, 0, 0, 1, 1, nullptr, nullptr, Instance(), nullptr),
+              nullptr);
+}
+
+TEST_F(UserWindowTest, CreationAndDestructionSequences)
+{
+    HWND parent = Make(WS_OVERLAPPEDWINDOW, nullptr, reinterpret_cast<LPVOID>(0x1234));
+    ASSERT_NE(parent, nullptr);
+    EXPECT_EQ(g_createParam, 0x1234u);
+    ASSERT_EQ(g_log.size(), 2u);
+    EXPECT_EQ(g_log[0].second, static_cast<UINT>(WM_NCCREATE));
+    EXPECT_EQ(g_log[1].second, static_cast<UINT>(WM_CREATE));
+
+    HWND child = Make(WS_CHILD | WS_VISIBLE, parent);
+    HWND owned = Make(WS_POPUP, parent);
+    ASSERT_NE(child, nullptr);
+    ASSERT_NE(owned, nullptr);
+    EXPECT_EQ(GetParent(child), parent);
+    EXPECT_EQ(GetParent(owned), parent); // a popup's parent is its owner
+    EXPECT_EQ(GetWindow(owned, GW_OWNER), parent);
+    EXPECT_EQ(GetWindow(parent, GW_CHILD), child);
+
+    g_log.clear();
+    EXPECT_TRUE(DestroyWindow(parent));
+    // The owned window goes first; then WM_DESTROY runs top-down and
+    // WM_NCDESTROY bottom-up.
+    Log expected{{owned, WM_DESTROY}, {owned, WM_NCDESTROY}, {parent, WM_DESTROY},
+                 {child, WM_DESTROY}, {child, WM_NCDESTROY}, {parent, WM_NCDESTROY}};
+    EXPECT_EQ(g_log, expected);
+    EXPECT_FALSE(IsWindow(parent));
+    EXPECT_FALSE(IsWindow(child));
+    EXPECT_FALSE(IsWindow(owned));
+    EXPECT_FALSE(DestroyWindow(parent));
+    EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_INVALID_WINDOW_HANDLE));
+
+    // -1 from WM_CREATE: no window, and it was destroyed properly.
+    g_log.clear();
+    EXPECT_EQ(Make(WS_OVERLAPPED, nullptr, reinterpret_cast<LPVOID>(0xDEAD)), nullptr);
+    ASSERT_EQ(g_log.size(), 4u);
+    EXPECT_EQ(g_log[2].second, static_cast<UINT>(WM_DESTROY));
+    EXPECT_EQ(g_log[3].second, static_cast<UINT>(WM_NCDESTROY));
+
+    // A child needs a parent.
+    EXPECT_EQ(Make(WS_CHILD), nullptr);
+}
+
+LRESULT CALLBACK ShoutingProc(HWND hwnd, UINT msg, WPARAM wParam, LPARAM lParam)
+{
+    if (msg == WM_SETTEXT && lParam != 0) {
+        std::u16string s = reinterpret_cast<const char16_t *>(lParam);
+        for (auto &c : s)
+            if (c >= u'a' && c <= u'z')
+                c = static_cast<char16_t>(c - 32);
+        return DefWindowProcW(hwnd, msg, wParam, reinterpret_cast<LPARAM>(s.c_str()));
+    }
+    return CallWindowProcW(LoggingProc, hwnd, msg, wParam, lParam);
+}
+
+TEST_F(UserWindowTest, TextAndFieldsGoThroughTheProcedure)
+{
+    HWND w = Make(WS_OVERLAPPEDWINDOW, nullptr, nullptr, TEXT("Scanner  Image Data"));
+    ASSERT_NE(w, nullptr);
+    WCHAR buf[64];
+    EXPECT_EQ(GetWindowTextW(w, buf, 64), 19);
+    EXPECT_EQ(Narrow(buf), "Scanner  Image Data");
+    EXPECT_EQ(GetWindowTextW(w, buf, 8), 7); // truncated, terminated
+    EXPECT_EQ(Narrow(buf), "Scanner");
+
+    // Subclassed: the new procedure sees WM_SETTEXT.
+    auto old = SetWindowLongPtrW(w, GWLP_WNDPROC, reinterpret_cast<LONG_PTR>(ShoutingProc));
+    EXPECT_EQ(old, reinterpret_cast<LONG_PTR>(LoggingProc));
+    EXPECT_TRUE(SetWindowTextW(w, TEXT("mixed Case")));
+    EXPECT_EQ(GetWindowTextLengthW(w), 10);
+    GetWindowTextW(w, buf, 64);
+    EXPECT_EQ(Narrow(buf), "MIXED CASE");
+
+    EXPECT_EQ(SetWindowLongPtrW(w, GWLP_USERDATA, 77), 0);
+    EXPECT_EQ(GetWindowLongPtrW(w, GWLP_USERDATA), 77);
+    EXPECT_EQ(SetWindowLongPtrW(w, static_cast<int>(sizeof(LONG_PTR)), -5), 0);
+    EXPECT_EQ(GetWindowLongPtrW(w, static_cast<int>(sizeof(LONG_PTR))), -5);
+    EXPECT_EQ(GetWindowLongW(w, 0), 0); // the first slot is untouched
+    SetLastError(0);
+    EXPECT_EQ(GetWindowLongPtrW(w, static_cast<int>(sizeof(LONG_PTR)) + 1), 0);
+    EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_INVALID_INDEX));
+    EXPECT_TRUE(DestroyWindow(w));
+}
+
+TEST_F(UserWindowTest, VisibilityEnableAndStateFlags)
+{
+    HWND top = Make(WS_OVERLAPPEDWINDOW);
+    HWND child = Make(WS_CHILD | WS_VISIBLE, top);
+    EXPECT_FALSE(IsWindowVisible(child)); // parent hidden
+    EXPECT_FALSE(ShowWindow(top, SW_SHOW));
+    EXPECT_TRUE(IsWindowVisible(child));
+    EXPECT_EQ(GetActiveWindow(), top);
+    EXPECT_TRUE(ShowWindow(top, SW_MINIMIZE));
+    EXPECT_TRUE(IsIconic(top));
+    EXPECT_TRUE(ShowWindow(top, SW_SHOWMAXIMIZED));
+    EXPECT_FALSE(IsIconic(top));
+    EXPECT_TRUE(IsZoomed(top));
+    EXPECT_TRUE(ShowWindow(top, SW_HIDE));
+    EXPECT_FALSE(ShowWindow(top, SW_HIDE));
+    EXPECT_FALSE(IsWindowVisible(top));
+
+    EXPECT_FALSE(EnableWindow(child, FALSE)); // was enabled
+    EXPECT_FALSE(IsWindowEnabled(child));
+    EXPECT_TRUE(EnableWindow(child, TRUE)); // was disabled
+    EXPECT_TRUE(IsWindowEnabled(child));
+    EXPECT_TRUE(DestroyWindow(top));
+    EXPECT_EQ(GetActiveWindow(), nullptr);
+}
+
+LRESULT CALLBACK ShrinkOnDestroyProc(HWND hwnd, UINT msg, WPARAM wParam, LPARAM lParam)
+{
+    if (msg == WM_DESTROY)
+        SetWindowPos(hwnd, nullptr, 0, 0, 0, 0, SWP_NOMOVE | SWP_NOZORDER | SWP_NOACTIVATE);
+    if (msg == WM_SIZE)
+        g_sizes.push_back(lParam);
+    return DefWindowProcW(hwnd, msg, wParam, lParam);
+}
+
+TEST_F(UserWindowTest, GeometryFollowsStylesAndSetWindowPos)
+{
+    HWND w = Make(WS_OVERLAPPEDWINDOW);
+    RECT wr, cr, adj;
+    ASSERT_TRUE(GetWindowRect(w, &wr));
+    ASSERT_TRUE(GetClientRect(w, &cr));
+    EXPECT_EQ(wr.left, 10);
+    EXPECT_EQ(wr.bottom - wr.top, 150);
+    SetRect(&adj, 0, 0, cr.right, cr.bottom);
+    AdjustWindowRect(&adj, WS_OVERLAPPEDWINDOW, FALSE);
+    EXPECT_EQ(adj.right - adj.left, 200);
+    EXPECT_EQ(adj.bottom - adj.top, 150);
+    EXPECT_LT(cr.bottom, 150 - GetSystemMetrics(SM_CYCAPTION) + 1);
+
+    HWND child = Make(WS_CHILD, w);
+    POINT p{0, 0};
+    ClientToScreen(child, &p);
+    EXPECT_EQ(p.x, wr.left - adj.left + 10);
+    EXPECT_EQ(p.y, wr.top - adj.top + 20);
+    EXPECT_TRUE(DestroyWindow(w));
+
+    // A window that shrinks itself to 0 x 0 while being destroyed.
+    w = Make(WS_OVERLAPPEDWINDOW);
+    SetWindowLongPtrW(w, GWLP_WNDPROC, reinterpret_cast<LONG_PTR>(ShrinkOnDestroyProc));
+    g_sizes.clear();
+    EXPECT_TRUE(MoveWindow(w, 5, 5, 300, 200, TRUE));
+    ASSERT_TRUE(GetClientRect(w, &cr));
+    EXPECT_TRUE(DestroyWindow(w));
+    ASSERT_EQ(g_sizes.size(), 2u);
+    EXPECT_EQ(g_sizes[0], MAKELONG(cr.right, cr.bottom)); // 300 x 200 less the frame
+    EXPECT_EQ(g_sizes[1], 0);                             // clamped to 0 x 0
+
+    RECT a{0, 0, 10, 10}, b{5, 5, 20, 20}, c{10, 0, 20, 5}, r;
+    EXPECT_TRUE(IntersectRect(&r, &a, &b));
+    EXPECT_EQ(r.left + r.top + r.right + r.bottom, 5 + 5 + 10 + 10);
+    EXPECT_FALSE(IntersectRect(&r, &a, &c)); // touching edges only
+    EXPECT_TRUE(IsRectEmpty(&r));
+}
+
+TEST_F(UserWindowTest, WindowsBelongToTheirThread)
+{
+    HWND w = Make(WS_OVERLAPPEDWINDOW);
+    DWORD err = 0;
+    BOOL destroyed = TRUE;
+    tamrix_test::RunOnPlatformThread([&] {
+        destroyed = DestroyWindow(w);
+        err = GetLastError();
+        return 0u;
+    });
+    EXPECT_FALSE(destroyed);
+    EXPECT_EQ(err, static_cast<DWORD>(ERROR_ACCESS_DENIED));
+    EXPECT_TRUE(IsWindow(w));
+    EXPECT_EQ(GetWindowThreadProcessId(w, nullptr), GetCurrentThreadId());
+    EXPECT_TRUE(DestroyWindow(w));
+
+    // Windows left by a thread go with it, destroyed on that thread.
+    HWND left = nullptr;
+    g_log.clear();
+    DWORD worker = 0;
+    tamrix_test::RunOnPlatformThread([&] {
+        worker = GetCurrentThreadId();
+        left = Make(WS_OVERLAPPEDWINDOW);
+        Make(WS_CHILD, left);
+        return 0u;
+    });
+    EXPECT_NE(left, nullptr);
+    EXPECT_FALSE(IsWindow(left));
+    int destroys = 0;
+    for (auto &e : g_log)
+        destroys += e.second == WM_NCDESTROY;
+    EXPECT_EQ(destroys, 2);
+    EXPECT_EQ(g_destroyThread, worker);
+}
+
+} // namespace
