@@ -1,0 +1,11 @@
+# Fails unless the host driver module exports exactly DriverProc.
+execute_process(COMMAND ${NM} -D --defined-only ${MODULE} OUTPUT_VARIABLE dump RESULT_VARIABLE rc)
+if(NOT rc EQUAL 0)
+  message(FATAL_ERROR "nm failed on ${MODULE}")
+endif()
+string(REGEX MATCHALL "[0-9a-f]+ [A-Za-z] [^\n]+" symbols "${dump}")
+list(LENGTH symbols count)
+if(NOT count EQUAL 1 OR NOT symbols MATCHES " T DriverProc$")
+  message(FATAL_ERROR "${MODULE} exports: ${symbols}; expected DriverProc only")
+endif()
+message(STATUS "${MODULE}: exports DriverProc only")
