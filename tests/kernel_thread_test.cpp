@@ -171,3 +171,18 @@ TEST_F(ThreadTest, CriticalSectionIsRecursiveAndExcludesOtherThreads)
     EXPECT_EQ(counter, 1000);
     DeleteCriticalSection(&cs);
 }
+
+TEST_F(ThreadTest, TimedJoinSeesTheThreadEndBeforeItsDeadline)
+{
+    // An ending thread must not let the clock run to the joiner's deadline
+    // before its handle is signalled.
+    for (int round = 0; round < 20; ++round) {
+        DWORD start = GetTickCount();
+        PlatformThread worker([] {
+            Sleep(1000);
+            return 7u;
+        });
+        EXPECT_EQ(worker.Join(10000), 7u) << "round " << round;
+        EXPECT_LT(GetTickCount() - start, 10000u);
+    }
+}

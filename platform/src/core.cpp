@@ -384,6 +384,15 @@ void DetachCurrentThread()
     std::shared_ptr<ThreadState> state = t_current.state;
     if (!state)
         return;
+    RunThreadExitHandlers();
+    ForgetThread(state);
+}
+
+void RunThreadExitHandlers()
+{
+    std::shared_ptr<ThreadState> state = t_current.state;
+    if (!state)
+        return;
     {
         Lock lock = LockWorld();
         state->ending = true;
@@ -394,19 +403,24 @@ void DetachCurrentThread()
         state->atExit.pop_back();
         fn();
     }
-    ForgetThread(state);
 }
 
 void ForgetThread(const std::shared_ptr<ThreadState> &state)
+{
+    Lock lock = LockWorld();
+    ForgetThreadLocked(state);
+}
+
+void ForgetThreadLocked(const std::shared_ptr<ThreadState> &state)
 {
     {
         Registry &reg = Threads();
         std::lock_guard<std::mutex> guard(reg.mutex);
         reg.threads.erase(state->id);
     }
-    Lock lock = LockWorld();
     W().registered.fetch_sub(1);
-    MaybeAdvanceLocked();
+    // The waiters re-check and decide among themselves whether the clock
+    // may move on.
     NotifyLocked();
 }
 

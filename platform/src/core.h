@@ -156,8 +156,13 @@ std::shared_ptr<ThreadState> RegisterNewThread();
 void AttachCurrentThread(const std::shared_ptr<ThreadState> &state);
 // End-of-thread work: runs atExit (world lock not held) and unregisters.
 void DetachCurrentThread();
-// Unregisters a record that never ran (its thread could not be started).
+// First half of it: marks the calling thread as ending and runs atExit.
+void RunThreadExitHandlers();
+// Unregisters a thread record (ended, or never started). The Locked form is
+// called with the world lock held, so that a thread can be unregistered in
+// the same step as its handle becomes signalled.
 void ForgetThread(const std::shared_ptr<ThreadState> &state);
+void ForgetThreadLocked(const std::shared_ptr<ThreadState> &state);
 // Ends the calling thread now: unwinds it (pthread_exit) without returning.
 [[noreturn]] void EndCurrentThread();
 

@@ -36,11 +36,13 @@ thread_local std::weak_ptr<ThreadObject> t_self;
 // and when the thread is unwound by ExitThread or TerminateThread.
 void FinishThread(StartRecord *record)
 {
-    plat::DetachCurrentThread();
+    plat::RunThreadExitHandlers();
     std::shared_ptr<ThreadObject> object = std::move(record->object);
     delete record;
     std::shared_ptr<plat::ThreadState> state;
     {
+        // One step: signalled and no longer running, so that the virtual
+        // clock never sees the thread gone but its handle unsignalled.
         plat::Lock lock = plat::LockWorld();
         state = std::move(object->state);
         object->exitCode = state->exitCode;
@@ -48,7 +50,7 @@ void FinishThread(StartRecord *record)
         // Released before waiters look: a waiter that closes the handle
         // then finds no live thread object.
         object.reset();
-        plat::WakeAll();
+        plat::ForgetThreadLocked(state);
     }
 }
 
