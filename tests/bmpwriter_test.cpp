@@ -344,6 +344,15 @@ TEST_F(BmpWriterTest, FailuresMapAndLeaveNoFile)
     EXPECT_EQ(Save(path), (LONG)MCIERR_OUT_OF_MEMORY);
     EXPECT_FALSE(Exists(path));
     PlatClearFaults();
+    // A scan that delivered more lines than asked: the rows written follow
+    // the header, the size field the delivered bytes.
+    g_imageInfo->bmiHeader.biHeight = 2;
+    ASSERT_EQ(Save(path), 0);
+    std::vector<BYTE> f = ReadFile(path);
+    EXPECT_EQ(f.size(), 62u + 2 * 8);
+    EXPECT_EQ(U32(f, 2), 62u + 3 * 8);
+    EXPECT_EQ(U32(f, 22), 2u);
+    g_imageInfo->bmiHeader.biHeight = 3;
     // A previous file of the same name is replaced, not appended to.
     ASSERT_EQ(Save(path), 0);
     size_t size = ReadFile(path).size();

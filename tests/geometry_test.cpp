@@ -123,6 +123,10 @@ TEST_F(GeometryTest, AlignmentMovesTheLeftEdge)
     EXPECT_EQ(px.width, 52);
     EXPECT_EQ(g_alignShift, 2);
     EXPECT_EQ(g_scanRectPx.x, 670);
+    ASSERT_EQ(ToPixels(671, 0, 49, 10, &px), 1);
+    EXPECT_EQ(px.x, 668);
+    EXPECT_EQ(g_alignShift, 3);
+    EXPECT_EQ(g_alignFailed, 0);
     // No position fits: the width stays as asked.
     ASSERT_EQ(ToPixels(9, 0, 709, 10, &px), 1);
     EXPECT_EQ(g_alignFailed, 1);
