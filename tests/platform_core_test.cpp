@@ -5,6 +5,8 @@
 #include <algorithm>
 #include <chrono>
 #include <functional>
+#include <future>
+#include <thread>
 #include <string>
 #include <vector>
 
@@ -108,6 +110,24 @@ TEST_F(VirtualClockTest, ThreadBlockedOnCriticalSectionDoesNotHoldTheClock)
     waiter.Join();
     CloseHandle(entered);
     DeleteCriticalSection(&cs);
+}
+
+TEST_F(VirtualClockTest, ForeignThreadHoldsTheClockUnlessInExternalWait)
+{
+    std::promise<void> release;
+    std::promise<DWORD> registered;
+    std::thread foreign([&] {
+        registered.set_value(GetCurrentThreadId()); // uses the platform: now a registered thread
+        PlatBeginExternalWait();
+        release.get_future().wait();
+        PlatEndExternalWait();
+    });
+    EXPECT_NE(registered.get_future().get(), GetCurrentThreadId());
+    auto wall = WallClock::now();
+    Sleep(5000);
+    EXPECT_LT(WallMsSince(wall), 900) << "the externally waiting thread held the clock";
+    release.set_value();
+    foreign.join();
 }
 
 TEST_F(PlatformTest, WaitForMultipleObjectsAnyAndAll)
