@@ -79,6 +79,12 @@ std::vector<BYTE> TableBytes(UINT id);
 // be loaded (or refused DRV_LOAD) from a refused DRV_OPEN.
 HDRVR OpenDriverModule(const std::u16string &moduleName, LPARAM param1, LPARAM param2, bool *loadFailed);
 
+// Test hook: sees every message WINMM sends to a driver, before the driver.
+// When it returns true it has answered (`result`) and the driver is not
+// called. Null removes it.
+using DriverHook = bool (*)(HDRVR driver, UINT msg, LPARAM param1, LPARAM param2, LRESULT &result);
+MM_EXPORT void SetDriverHook(DriverHook hook);
+
 // ---- Case-insensitive helpers (ASCII letters only, as MCI keywords are) -----
 char16_t Fold(char16_t c);
 bool EqualNoCase(const std::u16string &a, const std::u16string &b);

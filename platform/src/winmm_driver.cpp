@@ -12,6 +12,7 @@
 #include <windows.h>
 #include <mmddk.h>
 
+#include <atomic>
 #include <map>
 #include <mutex>
 
@@ -55,6 +56,16 @@ std::u16string FoldString(const std::u16string &s)
     return r;
 }
 
+std::atomic<mm::DriverHook> g_hook{nullptr};
+
+LRESULT Call(DRIVERPROC proc, DWORD_PTR id, HDRVR driver, UINT msg, LPARAM param1, LPARAM param2)
+{
+    LRESULT result = 0;
+    if (mm::DriverHook hook = g_hook.load(); hook && hook(driver, msg, param1, param2, result))
+        return result;
+    return proc(id, driver, msg, param1, param2);
+}
+
 std::shared_ptr<DriverInstance> FindInstance(HDRVR driver)
 {
     return plat::Find<DriverInstance>(driver);
@@ -65,8 +76,8 @@ void ReleaseModule(const std::u16string &key, const std::shared_ptr<DriverModule
 {
     if (--mod->instances > 0)
         return;
-    mod->proc(0, driver, DRV_DISABLE, 0, 0);
-    mod->proc(0, driver, DRV_FREE, 0, 0);
+    Call(mod->proc, 0, driver, DRV_DISABLE, 0, 0);
+    Call(mod->proc, 0, driver, DRV_FREE, 0, 0);
     Modules().erase(key);
     FreeLibrary(mod->module);
 }
@@ -75,6 +86,11 @@ void ReleaseModule(const std::u16string &key, const std::shared_ptr<DriverModule
 
 namespace mm
 {
+
+void SetDriverHook(DriverHook hook)
+{
+    g_hook.store(hook);
+}
 
 HDRVR OpenDriverModule(const std::u16string &moduleName, LPARAM param1, LPARAM param2, bool *loadFailed)
 {
@@ -108,18 +124,18 @@ HDRVR OpenDriverModule(const std::u16string &moduleName, LPARAM param1, LPARAM p
         mod->module = module;
         mod->proc = proc;
         mod->instances = 1;
-        if (proc(0, handle, DRV_LOAD, 0, 0) == 0) {
+        if (Call(proc, 0, handle, DRV_LOAD, 0, 0) == 0) {
             FreeLibrary(module);
             plat::RemoveHandle(reinterpret_cast<uintptr_t>(handle));
             if (loadFailed)
                 *loadFailed = true;
             return nullptr;
         }
-        proc(0, handle, DRV_ENABLE, 0, 0);
+        Call(proc, 0, handle, DRV_ENABLE, 0, 0);
         Modules()[key] = mod;
     }
     inst->module = mod;
-    LRESULT id = mod->proc(0, handle, DRV_OPEN, param1, param2);
+    LRESULT id = Call(mod->proc, 0, handle, DRV_OPEN, param1, param2);
     if (id == 0) {
         ReleaseModule(key, mod, handle);
         plat::RemoveHandle(reinterpret_cast<uintptr_t>(handle));
@@ -163,7 +179,7 @@ LRESULT WINAPI SendDriverMessage(HDRVR driver, UINT msg, LPARAM param1, LPARAM p
     auto inst = FindInstance(driver);
     if (!inst)
         return 0;
-    return inst->module->proc(inst->driverId, driver, msg, param1, param2);
+    return Call(inst->module->proc, inst->driverId, driver, msg, param1, param2);
 }
 
 LRESULT WINAPI CloseDriver(HDRVR driver, LPARAM param1, LPARAM param2)
@@ -172,7 +188,7 @@ LRESULT WINAPI CloseDriver(HDRVR driver, LPARAM param1, LPARAM param2)
     auto inst = FindInstance(driver);
     if (!inst)
         return 0;
-    LRESULT result = inst->module->proc(inst->driverId, driver, DRV_CLOSE, param1, param2);
+    LRESULT result = Call(inst->module->proc, inst->driverId, driver, DRV_CLOSE, param1, param2);
     ReleaseModule(inst->key, inst->module, driver);
     plat::RemoveHandle(reinterpret_cast<uintptr_t>(driver));
     return result;
