@@ -283,3 +283,29 @@ TEST_F(UserWindowTest, WindowsBelongToTheirThread)
 }
 
 } // namespace
+
+namespace
+{
+
+TEST_F(UserWindowTest, IconsAndCursorsAreSharedAndFoundInModules)
+{
+    HMODULE dll = LoadLibraryW(TEXT("TAMRIX.DLL"));
+    ASSERT_NE(dll, nullptr);
+    HICON icon = LoadIconW(dll, TEXT("SCANICON")); // resource names ignore case
+    ASSERT_NE(icon, nullptr);
+    EXPECT_EQ(LoadIconW(dll, TEXT("scanicon")), icon);
+    EXPECT_TRUE(DestroyIcon(icon));
+    SetLastError(0);
+    EXPECT_EQ(LoadIconW(dll, TEXT("noicon")), nullptr);
+    EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_RESOURCE_NAME_NOT_FOUND));
+    EXPECT_TRUE(FreeLibrary(dll));
+
+    HCURSOR arrow = LoadCursorW(nullptr, IDC_ARROW);
+    ASSERT_NE(arrow, nullptr);
+    EXPECT_EQ(LoadCursorW(nullptr, IDC_ARROW), arrow);
+    EXPECT_NE(LoadCursorW(nullptr, IDC_WAIT), arrow);
+    HCURSOR before = SetCursor(arrow);
+    EXPECT_EQ(SetCursor(before), arrow);
+}
+
+} // namespace
