@@ -75,7 +75,7 @@ TEST_F(InfoCapsTest, NotifiedCapabilityDropsTheReturnBits)
     g_settings = {5, IF_RS232C, 1, 2};
     HWND app = MakeWindow();
     MCI_GETDEVCAPS_PARMS caps{(DWORD_PTR)app, 0, MCI_GETDEVCAPS_CAN_SAVE};
-    EXPECT_EQ(MciDispatchCommand(1, MCI_GETDEVCAPS, MCI_NOTIFY | MCI_GETDEVCAPS_ITEM, &caps), 0u);
+    EXPECT_EQ(MciDispatchCommand(g_deviceId, MCI_GETDEVCAPS, MCI_NOTIFY | MCI_GETDEVCAPS_ITEM, &caps), 0u);
     EXPECT_EQ(caps.dwReturn, 1u);
     EXPECT_EQ(TakeNotifications(app), std::vector<UINT>{MCI_NOTIFY_SUCCESSFUL});
 }
