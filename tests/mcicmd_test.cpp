@@ -79,4 +79,17 @@ TEST_F(McicmdTest, ScriptStopsAtTheFirstErrorUnlessKeepGoing)
     EXPECT_NE(r.err.find("error 263", first + 1), std::string::npos) << r.err;
 }
 
+TEST_F(McicmdTest, NotificationsArePrintedAsTheyArrive)
+{
+    std::ofstream(dir_ + "/system.ini") << "[MCI32]\nEcho=ECHODRV.DLL\n";
+    Outcome r = Mcicmd("\"open echo alias e wait\" \"status e ready notify\" .wait \"close e wait\"");
+    EXPECT_EQ(r.status, 0) << r.err;
+    EXPECT_NE(r.out.find("notify: successful (device 1)"), std::string::npos) << r.out;
+
+    // A notify command that fails is not notified: .wait has nothing to wait for.
+    r = Mcicmd("\"open echo alias e wait\" \"status e bogus notify\" .wait \"close e wait\"");
+    EXPECT_NE(r.status, 0);
+    EXPECT_EQ(r.out.find("notify:"), std::string::npos) << r.out;
+}
+
 } // namespace

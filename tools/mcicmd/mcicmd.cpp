@@ -175,19 +175,22 @@ bool RunLine(std::string line, const Options &opt)
     Pump();
     WCHAR ret[1024] = {};
     MCIERROR err = mciSendStringW(Wide(line).c_str(), ret, 1024, g_wnd);
-    Pump();
     if (err) {
         WCHAR text[512] = {};
         if (!mciGetErrorStringW(err, text, 512))
             text[0] = 0;
         std::fprintf(stderr, "error %u: %s\n", static_cast<unsigned>(LOWORD(err)), Narrow(text).c_str());
+        Pump();
         return false;
     }
+    // Counted before the queue is pumped: an immediate notification is
+    // already waiting there.
     if (HasWord(line, "notify"))
         g_pending++;
     if (ret[0])
         std::printf("%s\n", Narrow(ret).c_str());
     std::fflush(stdout);
+    Pump();
     return true;
 }
 
