@@ -62,13 +62,22 @@ TEST_F(DriverEntryTest, LoadThenFreeTwiceReleasesTheCommandTableOnce)
     EXPECT_TRUE(GetClassInfoW(GetModuleHandleW(nullptr), TEXT("TamrixWnd"), &wc));
     EXPECT_EQ(wc.style, 0x0203u);
 
-    UINT table = g_commandTableId;
     EXPECT_EQ(Send(0, DRV_FREE), 1);
     EXPECT_EQ(g_commandTableId, MCI_NO_COMMAND_TABLE);
-    EXPECT_FALSE(mciFreeCommandResource(table)) << "the driver has freed its table";
     EXPECT_FALSE(GetClassInfoW(GetModuleHandleW(nullptr), TEXT("TamrixWnd"), &wc));
     EXPECT_EQ(Send(0, DRV_FREE), 1);
     EXPECT_EQ(g_commandTableId, MCI_NO_COMMAND_TABLE);
+    EXPECT_EQ(PlatCallCount("mciFreeCommandResource"), 1u);
+}
+
+TEST_F(DriverEntryTest, LoadFailsWithoutTheTableNameOrTheTable)
+{
+    for (const char *api : {"LoadStringW", "mciLoadCommandResource"}) {
+        PlatFailCall(api, 1, 0);
+        EXPECT_EQ(Send(0, DRV_LOAD), 0) << api;
+        EXPECT_EQ(g_commandTableId, MCI_NO_COMMAND_TABLE) << api;
+        EXPECT_EQ(Send(0, DRV_FREE), 1);
+    }
 }
 
 TEST_F(DriverEntryTest, ConfigureIsRefusedWithoutShowingAnything)

@@ -442,9 +442,14 @@ DWORD_PTR WINAPI mciGetDriverData(MCIDEVICEID deviceId)
     return dev->data;
 }
 
+PLAT_INJECTABLE(mciLoadCommandResource);
+PLAT_INJECTABLE(mciFreeCommandResource);
+
 UINT WINAPI mciLoadCommandResource(HINSTANCE instance, LPCWSTR resourceName, UINT type)
 {
     (void)type;
+    if (PLAT_FAIL(mciLoadCommandResource, ERROR_RESOURCE_NAME_NOT_FOUND))
+        return MCI_NO_COMMAND_TABLE;
     if (!instance || !resourceName)
         return MCI_NO_COMMAND_TABLE;
     LPCWSTR name = resourceName;
@@ -469,6 +474,8 @@ UINT WINAPI mciLoadCommandResource(HINSTANCE instance, LPCWSTR resourceName, UIN
 
 BOOL WINAPI mciFreeCommandResource(UINT table)
 {
+    if (PLAT_FAIL(mciFreeCommandResource, ERROR_INVALID_PARAMETER))
+        return FALSE;
     std::lock_guard<std::mutex> g(S().lock);
     return S().tables.erase(table) ? TRUE : FALSE;
 }
