@@ -179,7 +179,7 @@ protected:
         g_saveRequest.callback = nullptr;
         g_saveRequest.fileName = name_.data();
         g_saveResult = -1;
-        g_saveCancel = cancelFirst ? 1 : 0;
+        InterlockedExchange(&g_saveCancel, cancelFirst ? 1 : 0);
         long threads = PlatLiveCount(PLAT_KIND_THREAD);
         g_hSaveThread = CreateThread(nullptr, 256, ImgSaveThread, &g_saveRequest, CREATE_SUSPENDED, nullptr);
         EXPECT_NE(g_hSaveThread, nullptr);
@@ -347,7 +347,7 @@ TEST_F(BmpWriterTest, CancelAtEachCheck)
         name_.push_back(0);
         g_saveRequest.fileName = name_.data();
         g_saveResult = -1;
-        g_saveCancel = 0;
+        InterlockedExchange(&g_saveCancel, 0);
         long threads = PlatLiveCount(PLAT_KIND_THREAD);
         g_hSaveThread = CreateThread(nullptr, 256, ImgSaveThread, &g_saveRequest, CREATE_SUSPENDED, nullptr);
         ResumeThread(g_hSaveThread);
@@ -357,7 +357,7 @@ TEST_F(BmpWriterTest, CancelAtEachCheck)
             usleep(100);
         usleep(20000);
         EXPECT_EQ(MciReadResult(&g_saveResult), -1);
-        g_saveCancel = 1;
+        InterlockedExchange(&g_saveCancel, 1);
         PlatClearFaults();
         // Drain the pipe so the write completes.
         LONG result = -1;

@@ -39,7 +39,8 @@ protected:
         g_timerId = 0;
         g_scanBusy = g_saveBusy = g_modeBusy = 0;
         g_scanResult = g_saveResult = g_modeResult = 0;
-        g_scanAborted = g_saveCancel = g_scanStarted = g_imageValid = 0;
+        g_scanAborted = g_scanStarted = g_imageValid = 0;
+        InterlockedExchange(&g_saveCancel, 0);
         g_modeDlgWnd = nullptr;
         g_hSaveThread = nullptr;
         g_deviceId = 7;

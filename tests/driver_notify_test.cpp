@@ -137,10 +137,7 @@ TEST_F(NotifyTest, SupersededSaveIsCancelledAndFailsAtTheNextTick)
     // A save thread that gives up when asked to.
     tamrix_test::PlatformThread saver([] {
         while (true) {
-            EnterCriticalSection(&g_stateLock);
-            DWORD cancel = g_saveCancel;
-            LeaveCriticalSection(&g_stateLock);
-            if (cancel)
+            if (InterlockedCompareExchange(&g_saveCancel, 0, 0) != 0)
                 break;
             Sleep(100);
         }
@@ -152,7 +149,7 @@ TEST_F(NotifyTest, SupersededSaveIsCancelledAndFailsAtTheNextTick)
     MCI_GENERIC_PARMS parms{(DWORD_PTR)other};
     EXPECT_EQ(MciQueueNotify(g_deviceId, MCI_NOTIFY, MCI_COPY, &parms), 0u);
     EXPECT_EQ(saver.Join(0), 0u) << "the save thread has ended";
-    EXPECT_EQ(g_saveCancel, 0u);
+    EXPECT_EQ(InterlockedCompareExchange(&g_saveCancel, 0, 0), 0);
     EXPECT_EQ(TakeNotifications(app), Codes{MCI_NOTIFY_SUPERSEDED});
     EXPECT_EQ(TakeNotifications(other), Codes{MCI_NOTIFY_SUCCESSFUL});
 

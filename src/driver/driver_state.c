@@ -39,7 +39,7 @@ ModeRequest g_modeRequest;
 DWORD g_scanStarted;
 DWORD g_scanAborted;
 DWORD g_abortRequest;
-DWORD g_saveCancel;
+LONG g_saveCancel;
 HWND g_modeDlgWnd;
 HWND g_hModeOwner;
 BOOL g_modeDlgEnableState[MODE_DLG_SAVED_CONTROLS];

@@ -200,7 +200,7 @@ extern ModeRequest g_modeRequest;
 extern DWORD g_scanStarted;                                /* scanread started a scan; stop acts only then */
 extern DWORD g_scanAborted;                                /* the scan ended because of stop */
 extern DWORD g_abortRequest;                               /* device layer's abort handshake */
-extern DWORD g_saveCancel;                                 /* asks the save thread to give up */
+extern LONG g_saveCancel;                                  /* asks the save thread to give up; interlocked */
 extern HWND g_modeDlgWnd;                                  /* the open scan-mode dialog, 0 when none */
 extern HWND g_hModeOwner;                                  /* window active when scanmode opened the dialog */
 extern BOOL g_modeDlgEnableState[MODE_DLG_SAVED_CONTROLS]; /* saved while a scan runs */

@@ -135,10 +135,11 @@ BOOL MciCancelOperation(UINT message)
     }
     if (message == MCI_SAVE) {
         DWORD exitCode;
-        g_saveCancel = 1;
-        while (g_saveCancel == 1 && GetExitCodeThread(g_hSaveThread, &exitCode) && exitCode == STILL_ACTIVE)
+        InterlockedExchange(&g_saveCancel, 1);
+        while (InterlockedCompareExchange(&g_saveCancel, 1, 1) == 1 && GetExitCodeThread(g_hSaveThread, &exitCode) &&
+               exitCode == STILL_ACTIVE)
             Sleep(SAVE_CANCEL_POLL_MS);
-        g_saveCancel = 0;
+        InterlockedExchange(&g_saveCancel, 0);
         return TRUE;
     }
     SendMessageW(g_modeDlgWnd, WM_CLOSE, 0, 0);

@@ -85,6 +85,12 @@ static BOOL ImgWriteAll(HANDLE file, const void *data, DWORD bytes)
     return WriteFile(file, data, bytes, &written, NULL) == TRUE;
 }
 
+/* The cancel flag is set by the application's thread without a lock. */
+static BOOL ImgSaveCancelled(void)
+{
+    return InterlockedCompareExchange(&g_saveCancel, 0, 0) != 0;
+}
+
 _Noreturn static void ImgEndSave(LONG result)
 {
     EnterCriticalSection(&g_stateLock);
@@ -111,16 +117,16 @@ DWORD WINAPI ImgSaveThread(LPVOID request)
     rowMem = GlobalAlloc(IMG_GMEM_FLAGS, rowBytes);
     if (rowMem != NULL)
         row = GlobalLock(rowMem);
-    if (row == NULL || g_saveCancel) {
+    if (row == NULL || ImgSaveCancelled()) {
         ImgFreeBlock(rowMem, row);
         ImgEndSave(MCIERR_OUT_OF_MEMORY);
     }
 
     DeleteFileW(req->fileName);
     file = CreateFileW(req->fileName, GENERIC_READ | GENERIC_WRITE, 0, NULL, OPEN_ALWAYS, FILE_ATTRIBUTE_NORMAL, NULL);
-    if (file == INVALID_HANDLE_VALUE || g_saveCancel) {
+    if (file == INVALID_HANDLE_VALUE || ImgSaveCancelled()) {
         e = GetLastError();
-        if (g_saveCancel && file != INVALID_HANDLE_VALUE) {
+        if (ImgSaveCancelled() && file != INVALID_HANDLE_VALUE) {
             CloseHandle(file);
             DeleteFileW(req->fileName);
         }
@@ -132,8 +138,8 @@ DWORD WINAPI ImgSaveThread(LPVOID request)
     ImgPutWord(fileHeader + 6, 0);
     ImgPutWord(fileHeader + 8, 0);
     ImgPutDword(fileHeader + 10, IMG_FILE_HEADER_BYTES + infoBytes);
-    if (!ImgWriteAll(file, fileHeader, IMG_FILE_HEADER_BYTES) || g_saveCancel ||
-        !ImgWriteAll(file, g_imageInfo, infoBytes) || g_saveCancel) {
+    if (!ImgWriteAll(file, fileHeader, IMG_FILE_HEADER_BYTES) || ImgSaveCancelled() ||
+        !ImgWriteAll(file, g_imageInfo, infoBytes) || ImgSaveCancelled()) {
         e = GetLastError();
         CloseHandle(file);
         DeleteFileW(req->fileName);
@@ -144,7 +150,7 @@ DWORD WINAPI ImgSaveThread(LPVOID request)
     backupMem = GlobalAlloc(IMG_GMEM_FLAGS, infoBytes);
     if (backupMem != NULL)
         backup = GlobalLock(backupMem);
-    if (backup == NULL || g_saveCancel) {
+    if (backup == NULL || ImgSaveCancelled()) {
         ImgFreeBlock(backupMem, backup);
         CloseHandle(file);
         DeleteFileW(req->fileName);
@@ -156,20 +162,20 @@ DWORD WINAPI ImgSaveThread(LPVOID request)
     for (n = 1; n <= h->biHeight; n++) {
         int got = GetDIBits(g_imageDC, g_imageBitmap, (UINT)(n - 1), 1, row, g_imageInfo, DIB_RGB_COLORS);
         ImgCopyMemory((BYTE *)g_imageInfo, backup, infoBytes);
-        if (got == 0 || g_saveCancel) {
+        if (got == 0 || ImgSaveCancelled()) {
             ImgFreeBlock(backupMem, backup);
             CloseHandle(file);
             DeleteFileW(req->fileName);
             ImgFreeBlock(rowMem, row);
             ImgEndSave(MCIERR_OUT_OF_MEMORY);
         }
-        if (!ImgWriteAll(file, row, rowBytes) || g_saveCancel) {
+        if (!ImgWriteAll(file, row, rowBytes) || ImgSaveCancelled()) {
             e = GetLastError();
             ImgFreeBlock(backupMem, backup);
             CloseHandle(file);
             DeleteFileW(req->fileName);
             ImgFreeBlock(rowMem, row);
-            ImgEndSave(e == 0 && !g_saveCancel ? 0 : (LONG)ImgMapFileError(e));
+            ImgEndSave(e == 0 && !ImgSaveCancelled() ? 0 : (LONG)ImgMapFileError(e));
         }
     }
 
@@ -178,7 +184,7 @@ DWORD WINAPI ImgSaveThread(LPVOID request)
 
 done:
     ImgFreeBlock(rowMem, row);
-    if (e == 0 && !g_saveCancel)
+    if (e == 0 && !ImgSaveCancelled())
         ImgEndSave(0);
     ImgEndSave((LONG)ImgMapFileError(e));
     return 0;

@@ -29,6 +29,26 @@ WINBASEAPI void WINAPI EnterCriticalSection(LPCRITICAL_SECTION cs);
 WINBASEAPI void WINAPI LeaveCriticalSection(LPCRITICAL_SECTION cs);
 WINBASEAPI BOOL WINAPI TryEnterCriticalSection(LPCRITICAL_SECTION cs);
 
+/* ---- Interlocked operations ----
+   Full barriers, as on Windows; inline over the compiler's atomics. */
+static inline LONG InterlockedExchange(LONG volatile *target, LONG value)
+{
+    return __atomic_exchange_n(target, value, __ATOMIC_SEQ_CST);
+}
+static inline LONG InterlockedCompareExchange(LONG volatile *target, LONG exchange, LONG comparand)
+{
+    __atomic_compare_exchange_n(target, &comparand, exchange, 0, __ATOMIC_SEQ_CST, __ATOMIC_SEQ_CST);
+    return comparand;
+}
+static inline LONG InterlockedIncrement(LONG volatile *addend)
+{
+    return __atomic_add_fetch(addend, 1, __ATOMIC_SEQ_CST);
+}
+static inline LONG InterlockedDecrement(LONG volatile *addend)
+{
+    return __atomic_sub_fetch(addend, 1, __ATOMIC_SEQ_CST);
+}
+
 /* ---- Waitable objects ---- */
 #define INFINITE 0xFFFFFFFFu
 #define WAIT_OBJECT_0 0x00000000u
