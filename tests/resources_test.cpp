@@ -16,23 +16,18 @@ namespace
 class ResourcesTest : public PlatformTest
 {
 protected:
-    std::vector<BYTE> Resource(LPCWSTR name, LPCWSTR type)
+    static std::vector<BYTE> Resource(LPCWSTR name, LPCWSTR type)
     {
         HMODULE module = GetModuleHandleW(nullptr);
         HRSRC info = FindResourceW(module, name, type);
-        if (!info)
-            return {};
-        HGLOBAL data = LoadResource(module, info);
-        auto *bytes = static_cast<const BYTE *>(LockResource(data));
-        if (!bytes)
-            return {};
-        return std::vector<BYTE>(bytes, bytes + SizeofResource(module, info));
+        auto *bytes = info ? static_cast<const BYTE *>(LockResource(LoadResource(module, info))) : nullptr;
+        return bytes ? std::vector<BYTE>(bytes, bytes + SizeofResource(module, info)) : std::vector<BYTE>{};
     }
-    static std::u16string String(UINT id, int max = 256)
+    static std::u16string String(UINT id)
     {
-        std::vector<WCHAR> buf(max > 0 ? max : 1, u'?');
-        int n = LoadStringW(GetModuleHandleW(nullptr), id, buf.data(), max);
-        return std::u16string(buf.data(), n > 0 ? n : 0);
+        WCHAR buf[256];
+        int n = LoadStringW(GetModuleHandleW(nullptr), id, buf, 256);
+        return std::u16string(buf, n > 0 ? n : 0);
     }
 };
 
@@ -42,9 +37,8 @@ struct Reader {
     size_t at = 0;
     WORD Word()
     {
-        WORD v = static_cast<WORD>(b.at(at) | (b.at(at + 1) << 8));
         at += 2;
-        return v;
+        return static_cast<WORD>(b.at(at - 2) | (b.at(at - 1) << 8));
     }
     DWORD Dword()
     {
@@ -62,8 +56,6 @@ struct Reader {
     std::u16string Field()
     {
         WORD first = Word();
-        if (first == 0)
-            return u"";
         if (first == 0xFFFF) {
             std::string n = "#" + std::to_string(Word());
             return std::u16string(n.begin(), n.end());
@@ -71,7 +63,6 @@ struct Reader {
         at -= 2;
         return Sz();
     }
-    void Align4() { at = (at + 3) & ~static_cast<size_t>(3); }
 };
 
 // ---- Command table ---------------------------------------------------------
@@ -88,50 +79,32 @@ enum : WORD { HEAD, STRING, INTEGER, END_COMMAND, RETURN, FLAG, END_LIST, RECT, 
 std::vector<TableEntry> ExpectedCommandTable()
 {
     std::vector<TableEntry> t;
-    auto add = [&](std::u16string n, DWORD v, WORD type) { t.push_back({n, v, type, false}); };
+    auto add = [&](std::u16string n, DWORD v, WORD type, bool padded = false) { t.push_back({n, v, type, padded}); };
+    auto items = [&](std::initializer_list<std::pair<const char16_t *, DWORD>> list) {
+        for (auto &i : list)
+            add(i.first, i.second, INTEGER);
+    };
     auto head = [&](std::u16string n, DWORD v, DWORD ret) {
         add(n, v, HEAD);
         if (ret)
             add(u"", ret, RETURN);
-        add(u"notify", 1, FLAG);
-        add(u"wait", 2, FLAG);
+        add(u"notify", 1, FLAG), add(u"wait", 2, FLAG);
     };
     auto end = [&] { add(u"", 0, END_COMMAND); };
     head(u"close", 0x0804, 0), end();
     head(u"copy", 0x0852, 0), end();
-    head(u"capability", 0x080B, 2);
-    add(u"", 0x100, CONSTANT);
-    const std::pair<const char16_t *, DWORD> caps[] = {{u"can record", 1},
-                                                       {u"has audio", 2},
-                                                       {u"has video", 3},
-                                                       {u"uses files", 5},
-                                                       {u"compound device", 6},
-                                                       {u"device type", 4},
-                                                       {u"can eject", 7},
-                                                       {u"can play", 8},
-                                                       {u"can save", 9},
-                                                       {u"can scan color", 0x4001},
-                                                       {u"has adf", 0x4002},
-                                                       {u"can manual start", 0x4003},
-                                                       {u"can stop", 0x4004},
-                                                       {u"minimum startx", 0x4005},
-                                                       {u"minimum starty", 0x4006},
-                                                       {u"maximum width", 0x4007},
-                                                       {u"maximum length", 0x4008},
-                                                       {u"maximum resolution", 0x4009},
-                                                       {u"minimum resolution", 0x400A},
-                                                       {u"interval resolution", 0x400B},
-                                                       {u"maximum contrast", 0x400C},
-                                                       {u"minimum contrast", 0x400D},
-                                                       {u"interval contrast", 0x400E},
-                                                       {u"maximum colorstep", 0x400F},
-                                                       {u"minimum colorstep", 0x4010},
-                                                       {u"interval colorstep", 0x4011},
-                                                       {u"use mode dialog", 0x4012},
-                                                       {u"can scanread", 0x4013},
-                                                       {u"can halftone", 0x4014}};
-    for (auto &c : caps)
-        add(c.first, c.second, INTEGER);
+    head(u"capability", 0x080B, 2), add(u"", 0x100, CONSTANT);
+    // clang-format off
+    items({{u"can record", 1}, {u"has audio", 2}, {u"has video", 3}, {u"uses files", 5}, {u"compound device", 6},
+           {u"device type", 4}, {u"can eject", 7}, {u"can play", 8}, {u"can save", 9},
+           {u"can scan color", 0x4001}, {u"has adf", 0x4002}, {u"can manual start", 0x4003}, {u"can stop", 0x4004},
+           {u"minimum startx", 0x4005}, {u"minimum starty", 0x4006}, {u"maximum width", 0x4007},
+           {u"maximum length", 0x4008}, {u"maximum resolution", 0x4009}, {u"minimum resolution", 0x400A},
+           {u"interval resolution", 0x400B}, {u"maximum contrast", 0x400C}, {u"minimum contrast", 0x400D},
+           {u"interval contrast", 0x400E}, {u"maximum colorstep", 0x400F}, {u"minimum colorstep", 0x4010},
+           {u"interval colorstep", 0x4011}, {u"use mode dialog", 0x4012}, {u"can scanread", 0x4013},
+           {u"can halftone", 0x4014}});
+    // clang-format on
     add(u"", 0, END_CONSTANT), end();
     head(u"info", 0x080A, 1), add(u"product", 0x100, FLAG), end();
     head(u"open", 0x0803, 2);
@@ -145,21 +118,23 @@ std::vector<TableEntry> ExpectedCommandTable()
     add(u"colormode", 0x200000, INTEGER), add(u"halftone", 0x80000, FLAG), add(u"dialog", 0x100000, FLAG), end();
     head(u"scanread", 0x0C01, 0), add(u"rect", 0x10000, RECT), end();
     head(u"set", 0x080D, 0), add(u"time format", 0x400, CONSTANT);
-    t.push_back({u"millimeter", 0x4001, INTEGER, true});
-    t.push_back({u"inch", 0x4002, INTEGER, true});
-    t.push_back({u"dot", 0x4003, INTEGER, true});
+    add(u"millimeter", 0x4001, INTEGER, true), add(u"inch", 0x4002, INTEGER, true), add(u"dot", 0x4003, INTEGER, true);
     add(u"", 0, END_CONSTANT), end();
-    head(u"status", 0x0814, 2), add(u"", 0x100, CONSTANT), add(u"ready", 7, INTEGER);
-    add(u"scanner", 0x4001, INTEGER), end();
+    head(u"status", 0x0814, 2), add(u"", 0x100, CONSTANT), items({{u"ready", 7}, {u"scanner", 0x4001}}), end();
     head(u"stop", 0x0808, 0), end();
     head(u"where", 0x0843, 7), add(u"source", 0x20000, FLAG), add(u"destination", 0x40000, FLAG), end();
     head(u"window", 0x0841, 0), add(u"handle", 0x10000, CONSTANT), add(u"default", 0, INTEGER);
     add(u"", 0, END_CONSTANT), add(u"state", 0x40000, CONSTANT);
-    const std::pair<const char16_t *, DWORD> states[] = {
-        {u"hide", 0},      {u"minimize", 6}, {u"restore", 9},   {u"show", 5},        {u"maximized", 3},
-        {u"minimized", 2}, {u"iconic", 7},   {u"no action", 8}, {u"no activate", 4}, {u"normal", 1}};
-    for (auto &s : states)
-        add(s.first, s.second, INTEGER);
+    items({{u"hide", 0},
+           {u"minimize", 6},
+           {u"restore", 9},
+           {u"show", 5},
+           {u"maximized", 3},
+           {u"minimized", 2},
+           {u"iconic", 7},
+           {u"no action", 8},
+           {u"no activate", 4},
+           {u"normal", 1}});
     add(u"", 0, END_CONSTANT), add(u"text", 0x80000, STRING), end();
     add(u"", 0, END_LIST);
     return t;
@@ -190,43 +165,6 @@ TEST_F(ResourcesTest, CommandTableMatchesTheShippedLayoutEntryByEntry)
     EXPECT_EQ(r.at, blob.size()) << "bytes after the end of the command list";
 }
 
-TEST_F(ResourcesTest, CommandTableAsAPlainReaderSeesIt)
-{
-    // Read as name, value, type throughout, the padded time-format constants
-    // turn into heads and shift the next names by one character (U+0002), and
-    // the "status" item list runs into the end of its command.
-    std::vector<BYTE> blob = Resource(MAKEINTRESOURCEW(IDR_COMMAND_TABLE), RT_RCDATA);
-    ASSERT_FALSE(blob.empty());
-    std::vector<TableEntry> plain;
-    Reader r{blob};
-    while (r.at + 8 <= blob.size()) {
-        TableEntry e;
-        e.name = r.Sz();
-        e.value = r.Dword();
-        e.type = r.Word();
-        plain.push_back(e);
-    }
-    auto find = [&](const std::u16string &n) {
-        for (size_t i = 0; i < plain.size(); ++i)
-            if (plain[i].name == n)
-                return i;
-        return plain.size();
-    };
-    size_t mm = find(u"millimeter");
-    ASSERT_LT(mm + 3, plain.size());
-    EXPECT_EQ(plain[mm].type, HEAD);
-    EXPECT_EQ(plain[mm + 1].name, u"\x02inch");
-    EXPECT_EQ(plain[mm + 2].name, u"\x02"
-                                  u"dot");
-    EXPECT_EQ(plain[mm + 3].name, u"\x02");
-    EXPECT_EQ(plain[mm + 3].type, END_CONSTANT);
-
-    size_t scanner = find(u"scanner");
-    ASSERT_LT(scanner + 1, plain.size());
-    EXPECT_EQ(plain[scanner + 1].type, END_COMMAND);
-    EXPECT_EQ(plain.back().type, END_LIST);
-}
-
 // ---- Strings ---------------------------------------------------------------
 
 TEST_F(ResourcesTest, StringTableTexts)
@@ -235,72 +173,56 @@ TEST_F(ResourcesTest, StringTableTexts)
     EXPECT_EQ(String(IDS_PRODUCT), u"Ｋｏｒｖａｎｅ　イメージスキャナ");
     EXPECT_EQ(String(IDS_ERR_SCANNER_ABNORMAL), u"スキャナ装置の異常状態を通知するレスポンスが返りました。");
     EXPECT_EQ(String(IDS_ERR_COMMAND_SEQUENCE), u"コマンドの実行手順が不正です。");
-    EXPECT_EQ(String(IDS_PRODUCT).substr(7, 1), u"\u3000");
-
     const char *models[] = {"KS-610", "KS-620", "KS-630", "KS-640", "KS-650", "KS-660", "KT-700"};
     for (int m = 1; m <= 7; ++m) {
-        std::string model = models[m - 1];
-        std::u16string m16(model.begin(), model.end());
+        std::u16string m16(models[m - 1], models[m - 1] + 6);
         EXPECT_EQ(String(IDS_MODEL_BASE + m), u"Korvane " + m16) << m;
         EXPECT_EQ(String(IDS_MODE_TITLE_BASE + m), u"拡張パラメータ設定  -  " + m16) << m;
     }
     for (int n = 1; n <= 9; ++n)
         EXPECT_EQ(String(IDS_PORT_BASE + n), u"COM" + std::u16string(1, static_cast<char16_t>(u'0' + n)));
-    EXPECT_EQ(String(IDS_BAUD_BASE + 1), u"4800");
-    EXPECT_EQ(String(IDS_BAUD_BASE + 3), u"19200");
+    EXPECT_EQ(String(IDS_BAUD_BASE + 1) + String(IDS_BAUD_BASE + 3), u"480019200");
     EXPECT_EQ(String(IDS_IF_SCSI) + String(IDS_IF_RS232C) + String(IDS_IF_GPIB), u"SCSIRS-232CGP-IB");
-    EXPECT_EQ(String(IDS_DITHER_FIRST + 2), u"ディザ１(パターン３)");
-    EXPECT_EQ(String(IDS_DITHER3), u"ディザ３");
-    EXPECT_EQ(String(IDS_GAMMA_PRN2), u"ＰＲＮ２");
-    EXPECT_EQ(String(IDS_GAMMA_NONE), u"なし");
+    EXPECT_EQ(String(IDS_DITHER_FIRST + 2) + String(IDS_DITHER3), u"ディザ１(パターン３)ディザ３");
+    EXPECT_EQ(String(IDS_GAMMA_PRN2) + String(IDS_GAMMA_NONE), u"ＰＲＮ２なし");
 }
 
-TEST_F(ResourcesTest, LoadStringBufferRules)
+TEST_F(ResourcesTest, LoadStringBufferRulesAndResourceLookupErrors)
 {
+    HMODULE module = GetModuleHandleW(nullptr);
     const std::u16string product = String(IDS_PRODUCT);
-    ASSERT_FALSE(product.empty());
     WCHAR buf[8];
     // Truncation: at most max - 1 characters and a NUL; the count copied.
     std::memset(buf, 0x55, sizeof buf);
-    EXPECT_EQ(LoadStringW(GetModuleHandleW(nullptr), IDS_PRODUCT, buf, 5), 4);
-    EXPECT_EQ(std::u16string(buf, 4), product.substr(0, 4));
-    EXPECT_EQ(buf[4], 0);
+    EXPECT_EQ(LoadStringW(module, IDS_PRODUCT, buf, 5), 4);
+    EXPECT_EQ(std::u16string(buf, 5), product.substr(0, 4) + u'\0');
     EXPECT_EQ(buf[5], 0x5555) << "wrote beyond the given size";
-    EXPECT_EQ(LoadStringW(GetModuleHandleW(nullptr), IDS_PRODUCT, buf, 1), 0);
+    EXPECT_EQ(LoadStringW(module, IDS_PRODUCT, buf, 1), 0);
     EXPECT_EQ(buf[0], 0);
-
     // Size 0: a read-only pointer to the text itself, and its full length.
     const WCHAR *direct = nullptr;
-    int n = LoadStringW(GetModuleHandleW(nullptr), IDS_PRODUCT, reinterpret_cast<LPWSTR>(&direct), 0);
+    int n = LoadStringW(module, IDS_PRODUCT, reinterpret_cast<LPWSTR>(&direct), 0);
     ASSERT_EQ(n, static_cast<int>(product.size()));
-    ASSERT_NE(direct, nullptr);
     EXPECT_EQ(std::u16string(direct, n), product);
-
     // Missing strings, in an existing block and in a missing one.
-    EXPECT_EQ(LoadStringW(GetModuleHandleW(nullptr), 10, buf, 8), 0);
+    EXPECT_EQ(LoadStringW(module, 10, buf, 8), 0);
     EXPECT_EQ(buf[0], 0);
-    EXPECT_EQ(LoadStringW(GetModuleHandleW(nullptr), 4000, buf, 8), 0);
+    EXPECT_EQ(LoadStringW(module, 4000, buf, 8), 0);
 
-    PlatFailCall("LoadStringW", 1, 0);
-    EXPECT_EQ(LoadStringW(GetModuleHandleW(nullptr), IDS_PRODUCT, buf, 8), 0);
-    EXPECT_EQ(LoadStringW(GetModuleHandleW(nullptr), IDS_PRODUCT, buf, 8), 7);
-}
-
-TEST_F(ResourcesTest, FindResourceNamesAndErrors)
-{
-    HMODULE module = GetModuleHandleW(nullptr);
     HRSRC byOrdinal = FindResourceW(module, MAKEINTRESOURCEW(IDD_CONFIG), RT_DIALOG);
     ASSERT_NE(byOrdinal, nullptr);
     EXPECT_EQ(FindResourceW(module, reinterpret_cast<LPCWSTR>(u"#1001"), RT_DIALOG), byOrdinal);
     EXPECT_EQ(FindResourceW(nullptr, MAKEINTRESOURCEW(IDD_CONFIG), RT_DIALOG), byOrdinal);
-
-    SetLastError(0);
     EXPECT_EQ(FindResourceW(module, MAKEINTRESOURCEW(1005), RT_DIALOG), nullptr);
     EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_RESOURCE_NAME_NOT_FOUND));
     EXPECT_EQ(FindResourceW(module, MAKEINTRESOURCEW(1), RT_MENU), nullptr);
     EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_RESOURCE_TYPE_NOT_FOUND));
     EXPECT_EQ(SizeofResource(module, reinterpret_cast<HRSRC>(&module)), 0u);
 
+    // One-shot injected failures.
+    PlatFailCall("LoadStringW", 1, 0);
+    EXPECT_EQ(LoadStringW(module, IDS_PRODUCT, buf, 8), 0);
+    EXPECT_EQ(LoadStringW(module, IDS_PRODUCT, buf, 8), 7);
     PlatFailCall("FindResourceW", 1, 0);
     EXPECT_EQ(FindResourceW(module, MAKEINTRESOURCEW(IDD_CONFIG), RT_DIALOG), nullptr);
     PlatFailCall("LoadResource", 1, 0);
@@ -314,38 +236,39 @@ struct Item {
     WORD id;
     DWORD style;
     std::u16string cls, text;
-    short x, y, cx, cy;
+    std::vector<short> pos; // x, y, cx, cy
 };
 struct Dialog {
     DWORD style;
-    short x, y, cx, cy;
+    std::vector<short> pos;
     std::u16string title;
     std::vector<Item> items;
 };
 
 Dialog ParseDialog(const std::vector<BYTE> &b)
 {
-    Dialog d{};
     Reader r{b};
+    auto pos = [&] {
+        std::vector<short> p;
+        for (int i = 0; i < 4; ++i)
+            p.push_back(static_cast<short>(r.Word()));
+        return p;
+    };
+    Dialog d{};
     d.style = r.Dword();
     r.Dword(); // extended style
     WORD count = r.Word();
-    d.x = static_cast<short>(r.Word()), d.y = static_cast<short>(r.Word());
-    d.cx = static_cast<short>(r.Word()), d.cy = static_cast<short>(r.Word());
-    r.Field(); // menu
-    r.Field(); // class
+    d.pos = pos();
+    r.Field(), r.Field(); // menu, class
     d.title = r.Sz();
-    if (d.style & DS_SETFONT) {
-        r.Word();
-        r.Sz();
-    }
+    if (d.style & DS_SETFONT)
+        r.Word(), r.Sz();
     for (WORD i = 0; i < count; ++i) {
-        r.Align4();
+        r.at = (r.at + 3) & ~size_t(3);
         Item it{};
         it.style = r.Dword();
         r.Dword();
-        it.x = static_cast<short>(r.Word()), it.y = static_cast<short>(r.Word());
-        it.cx = static_cast<short>(r.Word()), it.cy = static_cast<short>(r.Word());
+        it.pos = pos();
         it.id = r.Word();
         it.cls = r.Field();
         it.text = r.Field();
@@ -355,30 +278,22 @@ Dialog ParseDialog(const std::vector<BYTE> &b)
     return d;
 }
 
-std::u16string Upper(std::u16string s)
-{
-    for (char16_t &c : s)
-        if (c >= u'a' && c <= u'z')
-            c = static_cast<char16_t>(c - u'a' + u'A');
-    return s;
-}
-
 TEST_F(ResourcesTest, DialogTemplates)
 {
     const DWORD frame = WS_POPUP | WS_CAPTION | WS_SYSMENU | DS_MODALFRAME;
     const DWORD list = WS_CHILD | WS_VISIBLE | CBS_DROPDOWNLIST | WS_VSCROLL | WS_TABSTOP;
     struct Expect {
         UINT id;
-        short x, y, cx, cy;
+        std::vector<short> pos;
         std::u16string title;
         std::vector<WORD> ids; // tab order
     } expect[] = {
-        {IDD_CONFIG, 30, 14, 231, 72, u"イメージスキャナの設定", {100, 108, 110, 111, 1, 2, 115, 117}},
-        {IDD_SERIAL, 40, 12, 144, 88, u"ＲＳ－２３２Ｃの設定", {200, 201, 204, 205, 207, 1, 2}},
-        {IDD_GPIB, 41, 29, 140, 50, u"ＧＰ－ＩＢの設定", {300, 303, 304, 1, 2}},
-        {IDD_SCANMODE, 100, 80, 191, 141, u"拡張パラメータ設定", {402, 401, 403, 404, 405, 406, 407, 408, 411,
-                                                                  414, 417, 420, 421, 409, 412, 415, 418, 422,
-                                                                  423, 410, 413, 416, 419, 424, 425, 1,   2}},
+        {IDD_CONFIG, {30, 14, 231, 72}, u"イメージスキャナの設定", {100, 108, 110, 111, 1, 2, 115, 117}},
+        {IDD_SERIAL, {40, 12, 144, 88}, u"ＲＳ－２３２Ｃの設定", {200, 201, 204, 205, 207, 1, 2}},
+        {IDD_GPIB, {41, 29, 140, 50}, u"ＧＰ－ＩＢの設定", {300, 303, 304, 1, 2}},
+        {IDD_SCANMODE, {100, 80, 191, 141}, u"拡張パラメータ設定", {402, 401, 403, 404, 405, 406, 407, 408, 411,
+                                                                    414, 417, 420, 421, 409, 412, 415, 418, 422,
+                                                                    423, 410, 413, 416, 419, 424, 425, 1,   2}},
     };
     std::vector<Dialog> dialogs;
     for (const Expect &e : expect) {
@@ -386,23 +301,20 @@ TEST_F(ResourcesTest, DialogTemplates)
         std::vector<BYTE> bytes = Resource(MAKEINTRESOURCEW(e.id), RT_DIALOG);
         ASSERT_FALSE(bytes.empty());
         Dialog d = ParseDialog(bytes);
-        EXPECT_EQ(d.style & frame, frame);
-        EXPECT_EQ(d.style & WS_CHILD, 0u);
-        EXPECT_EQ(std::vector<short>({d.x, d.y, d.cx, d.cy}), std::vector<short>({e.x, e.y, e.cx, e.cy}));
+        EXPECT_EQ(d.style & (frame | WS_CHILD), frame);
+        EXPECT_EQ(d.pos, e.pos);
         EXPECT_EQ(d.title, e.title);
         std::vector<WORD> ids;
-        for (const Item &it : d.items)
-            ids.push_back(it.id);
-        EXPECT_EQ(ids, e.ids);
         for (const Item &it : d.items) {
+            ids.push_back(it.id);
             EXPECT_EQ(it.style & (WS_CHILD | WS_VISIBLE), WS_CHILD | WS_VISIBLE) << it.id;
             if (it.id == IDOK) { // OK starts a group and is the default button
                 EXPECT_EQ(it.style & (WS_GROUP | 0xF), WS_GROUP | BS_DEFPUSHBUTTON);
             }
         }
+        EXPECT_EQ(ids, e.ids);
         dialogs.push_back(d);
     }
-    ASSERT_EQ(dialogs.size(), 4u);
     auto item = [&](size_t dlg, WORD id) {
         for (const Item &it : dialogs[dlg].items)
             if (it.id == id)
@@ -415,31 +327,28 @@ TEST_F(ResourcesTest, DialogTemplates)
     EXPECT_EQ(item(0, IDC_CFG_MODEL).cls, u"#133");
     EXPECT_EQ(item(0, IDC_CFG_MODEL_LABEL).text, u"イメージスキャナ(&D):");
     EXPECT_EQ(item(0, IDC_CFG_MODEL_LABEL).style & WS_GROUP, 0u);
-    EXPECT_EQ(item(0, IDC_CFG_SETTINGS).text, u"設定(&S)...");
-    EXPECT_EQ(item(0, IDC_CFG_HELP).text, u"ﾍﾙﾌﾟ(&H)");
-    EXPECT_EQ(item(0, IDCANCEL).text, u"ｷｬﾝｾﾙ");
-    Item iface = item(0, IDC_CFG_IF);
-    EXPECT_EQ(std::vector<short>({iface.x, iface.y, iface.cx, iface.cy}), std::vector<short>({89, 30, 85, 40}));
+    EXPECT_EQ(item(0, IDC_CFG_SETTINGS).text + item(0, IDC_CFG_HELP).text + item(0, IDCANCEL).text,
+              u"設定(&S)...ﾍﾙﾌﾟ(&H)ｷｬﾝｾﾙ");
+    EXPECT_EQ(item(0, IDC_CFG_IF).pos, (std::vector<short>{89, 30, 85, 40}));
     // RS-232C dialog.
     EXPECT_EQ(item(1, IDC_SER_STOPBITS).text, u"ストップビット: １ bit");
     EXPECT_EQ(item(1, IDC_SER_STOPBITS).style & WS_GROUP, WS_GROUP);
     EXPECT_EQ(item(1, IDC_SER_PORT_GROUP).style & (WS_GROUP | 0xF), WS_GROUP | BS_GROUPBOX);
     EXPECT_EQ(item(1, IDC_SER_SPEED).style, list);
     // GP-IB dialog: the spin control is the driver's own class.
-    EXPECT_EQ(Upper(item(2, IDC_GPIB_SPIN).cls), u"SCANARROW");
+    EXPECT_EQ(lstrcmpiW(item(2, IDC_GPIB_SPIN).cls.c_str(), u"SCANARROW"), 0);
     EXPECT_EQ(item(2, IDC_GPIB_ADDRESS).style & (ES_CENTER | WS_BORDER | WS_TABSTOP),
               ES_CENTER | WS_BORDER | WS_TABSTOP);
     EXPECT_EQ(item(2, IDC_GPIB_GROUP).text, u"GP-IB 機器番号(&A)");
     // Scan-mode dialog: value fields three ids below their scroll bars.
     for (WORD bar = IDC_MODE_BRIGHT_SCROLL; bar <= IDC_MODE_SAT_SCROLL; ++bar) {
         Item sb = item(3, bar), value = item(3, bar - IDC_MODE_VALUE_OFFSET);
-        EXPECT_EQ(sb.cls, u"#132");
-        EXPECT_EQ(value.cls, u"#130");
-        EXPECT_EQ(value.x, 78);
-        EXPECT_EQ(value.y, sb.y == 88 ? 87 : sb.y);
+        EXPECT_EQ(sb.cls + value.cls, u"#132#130");
+        EXPECT_EQ(value.pos.at(0), 78);
+        EXPECT_EQ(value.pos.at(1), sb.pos.at(1) == 88 ? 87 : sb.pos.at(1));
     }
-    EXPECT_EQ(item(3, IDC_MODE_DITHER).style & (CBS_SORT | 0x3), CBS_SORT | CBS_DROPDOWNLIST);
-    EXPECT_EQ(item(3, IDC_MODE_GAMMA).style & (CBS_SORT | 0x3), CBS_SORT | CBS_DROPDOWNLIST);
+    for (WORD combo : {IDC_MODE_DITHER, IDC_MODE_GAMMA})
+        EXPECT_EQ(item(3, combo).style & (CBS_SORT | 0x3), CBS_SORT | CBS_DROPDOWNLIST);
     EXPECT_EQ(item(3, IDC_MODE_TINT_LEVEL).style & 0xF, SS_RIGHT);
     EXPECT_EQ(item(3, IDC_MODE_OR).style & (WS_GROUP | 0xF), WS_GROUP | BS_AUTOCHECKBOX);
     EXPECT_EQ(item(3, IDC_MODE_NOISE).text, u"ノイズリダクション(&N)");
@@ -451,19 +360,15 @@ TEST_F(ResourcesTest, ScanIconGroupReferencesItsImages)
     std::vector<BYTE> group = Resource(reinterpret_cast<LPCWSTR>(u"scanicon"), RT_GROUP_ICON);
     ASSERT_GE(group.size(), 6u);
     Reader r{group};
-    EXPECT_EQ(r.Word(), 0);
-    EXPECT_EQ(r.Word(), 1); // icons
+    EXPECT_EQ(r.Dword(), 0x10000u); // reserved, 1 = icons
     WORD count = r.Word();
-    ASSERT_GE(count, 1);
     bool has32 = false;
     for (WORD i = 0; i < count; ++i) {
-        size_t entry = r.at;
-        BYTE width = group.at(entry);
-        r.at = entry + 8;
+        BYTE width = group.at(r.at);
+        r.at += 8;
         DWORD bytes = r.Dword();
-        WORD id = r.Word();
-        std::vector<BYTE> image = Resource(MAKEINTRESOURCEW(id), RT_ICON);
-        ASSERT_EQ(image.size(), bytes) << "icon image " << id;
+        std::vector<BYTE> image = Resource(MAKEINTRESOURCEW(r.Word()), RT_ICON);
+        ASSERT_EQ(image.size(), bytes) << "icon image " << i;
         Reader h{image};
         EXPECT_EQ(h.Dword(), 40u); // BITMAPINFOHEADER
         EXPECT_EQ(static_cast<BYTE>(h.Dword()), width);
