@@ -60,8 +60,12 @@ protected:
         g_events.clear();
         g_threadOfA = g_threadOfB = 0;
         g_seenLParam = 0;
-        Register(TEXT("QueueA"), ProcA);
-        Register(TEXT("QueueB"), ProcB);
+        for (auto [name, proc] : {std::pair<LPCWSTR, WNDPROC>{TEXT("QueueA"), ProcA}, {TEXT("QueueB"), ProcB}}) {
+            WNDCLASSW wc{};
+            wc.lpfnWndProc = proc;
+            wc.lpszClassName = name;
+            ASSERT_NE(RegisterClassW(&wc), 0);
+        }
         ready_ = CreateEventW(nullptr, TRUE, FALSE, nullptr);
     }
     void TearDown() override
@@ -70,13 +74,6 @@ protected:
         UnregisterClassW(TEXT("QueueA"), nullptr);
         UnregisterClassW(TEXT("QueueB"), nullptr);
         PlatformTest::TearDown();
-    }
-    static void Register(LPCWSTR name, WNDPROC proc)
-    {
-        WNDCLASSW wc{};
-        wc.lpfnWndProc = proc;
-        wc.lpszClassName = name;
-        ASSERT_NE(RegisterClassW(&wc), 0);
     }
     static HWND Make(LPCWSTR cls)
     {
@@ -214,7 +211,7 @@ TEST_F(UserQueueTest, ThreadTimerTicksOnItsThreadAtVirtualTimes)
     EXPECT_GE(g_ticks.back().second - start, 3000u);
 }
 
-TEST_F(UserQueueTest, ThreadTimersCoalesceAreIdentifiedAndKilledPerThread)
+TEST_F(UserQueueTest, ThreadTimersCoalesceAreKilledPerThreadAndMsgWaitWakes)
 {
     UseVirtualClock();
     g_ticks.clear();
@@ -245,8 +242,32 @@ TEST_F(UserQueueTest, ThreadTimersCoalesceAreIdentifiedAndKilledPerThread)
     EXPECT_FALSE(killedElsewhere);
     EXPECT_TRUE(KillTimer(nullptr, first));
     EXPECT_FALSE(KillTimer(nullptr, first));
-    EXPECT_EQ(MsgWaitForMultipleObjects(0, nullptr, FALSE, 3000, QS_ALLINPUT), WAIT_TIMEOUT);
     EXPECT_EQ(PlatLiveCount(PLAT_KIND_TIMER), timersBefore);
+
+    // Without timers, MsgWait runs out, or wakes for an object or for input.
+    HANDLE ev = CreateEventW(nullptr, FALSE, FALSE, nullptr);
+    DWORD before = GetTickCount();
+    EXPECT_EQ(MsgWaitForMultipleObjects(1, &ev, FALSE, 2000, QS_ALLINPUT), WAIT_TIMEOUT);
+    EXPECT_GE(GetTickCount() - before, 2000u);
+
+    tamrix_test::PlatformThread setter([&] {
+        Sleep(500);
+        SetEvent(ev);
+        return 0u;
+    });
+    EXPECT_EQ(MsgWaitForMultipleObjects(1, &ev, FALSE, INFINITE, QS_ALLINPUT), WAIT_OBJECT_0);
+    setter.Join();
+    EXPECT_EQ(WaitForSingleObject(ev, 0), WAIT_TIMEOUT); // auto-reset: consumed
+
+    DWORD me = GetCurrentThreadId();
+    tamrix_test::PlatformThread poster([&] {
+        Sleep(500);
+        return PostThreadMessageW(me, WM_APP, 0, 0) ? 0u : 1u;
+    });
+    EXPECT_EQ(MsgWaitForMultipleObjects(1, &ev, FALSE, INFINITE, QS_ALLINPUT), WAIT_OBJECT_0 + 1);
+    EXPECT_EQ(poster.Join(), 0u);
+    EXPECT_TRUE(PeekMessageW(&m, nullptr, 0, 0, PM_REMOVE));
+    CloseHandle(ev);
 
     PlatFailCall("SetTimer", 1, 0);
     EXPECT_EQ(SetTimer(nullptr, 1, 1000, CountingTimerProc), 0u);
@@ -329,35 +350,6 @@ TEST_F(UserQueueTest, GetMessageHooksSeeAndChangeOtherThreadsMessages)
     EXPECT_EQ(SetWindowsHookExW(WH_GETMESSAGE, NewerHook, module, 0), nullptr);
     EXPECT_EQ(SetWindowsHookExW(WH_GETMESSAGE, NewerHook, nullptr, 0), nullptr); // global needs a module
     EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_HOOK_NEEDS_HMOD));
-}
-
-TEST_F(UserQueueTest, MsgWaitWakesForObjectsAndQueueInput)
-{
-    UseVirtualClock();
-    HANDLE ev = CreateEventW(nullptr, FALSE, FALSE, nullptr);
-    DWORD before = GetTickCount();
-    EXPECT_EQ(MsgWaitForMultipleObjects(1, &ev, FALSE, 2000, QS_ALLINPUT), WAIT_TIMEOUT);
-    EXPECT_GE(GetTickCount() - before, 2000u);
-
-    tamrix_test::PlatformThread setter([&] {
-        Sleep(500);
-        SetEvent(ev);
-        return 0u;
-    });
-    EXPECT_EQ(MsgWaitForMultipleObjects(1, &ev, FALSE, INFINITE, QS_ALLINPUT), WAIT_OBJECT_0);
-    setter.Join();
-    EXPECT_EQ(WaitForSingleObject(ev, 0), WAIT_TIMEOUT); // auto-reset: consumed
-
-    DWORD me = GetCurrentThreadId();
-    tamrix_test::PlatformThread poster([&] {
-        Sleep(500);
-        return PostThreadMessageW(me, WM_APP, 0, 0) ? 0u : 1u;
-    });
-    EXPECT_EQ(MsgWaitForMultipleObjects(1, &ev, FALSE, INFINITE, QS_ALLINPUT), WAIT_OBJECT_0 + 1);
-    EXPECT_EQ(poster.Join(), 0u);
-    MSG m;
-    EXPECT_TRUE(PeekMessageW(&m, nullptr, 0, 0, PM_REMOVE));
-    CloseHandle(ev);
 }
 
 } // namespace

@@ -11,14 +11,6 @@ namespace
 
 using Log = std::vector<std::pair<HWND, UINT>>;
 
-// The text as plain ASCII, so that failures print readably.
-std::string Narrow(const WCHAR *s)
-{
-    std::string out;
-    for (; *s; ++s)
-        out += *s < 0x80 ? static_cast<char>(*s) : '?';
-    return out;
-}
 Log g_log;
 UINT_PTR g_createParam = 0;
 DWORD g_destroyThread = 0;
@@ -96,9 +88,7 @@ TEST_F(UserWindowTest, CreationAndDestructionSequences)
     HWND parent = Make(WS_OVERLAPPEDWINDOW, nullptr, reinterpret_cast<LPVOID>(0x1234));
     ASSERT_NE(parent, nullptr);
     EXPECT_EQ(g_createParam, 0x1234u);
-    ASSERT_EQ(g_log.size(), 2u);
-    EXPECT_EQ(g_log[0].second, static_cast<UINT>(WM_NCCREATE));
-    EXPECT_EQ(g_log[1].second, static_cast<UINT>(WM_CREATE));
+    EXPECT_EQ(g_log, (Log{{parent, WM_NCCREATE}, {parent, WM_CREATE}}));
 
     HWND child = Make(WS_CHILD | WS_VISIBLE, parent);
     HWND owned = Make(WS_POPUP, parent);
@@ -116,18 +106,17 @@ TEST_F(UserWindowTest, CreationAndDestructionSequences)
     Log expected{{owned, WM_DESTROY}, {owned, WM_NCDESTROY}, {parent, WM_DESTROY},
                  {child, WM_DESTROY}, {child, WM_NCDESTROY}, {parent, WM_NCDESTROY}};
     EXPECT_EQ(g_log, expected);
-    EXPECT_FALSE(IsWindow(parent));
-    EXPECT_FALSE(IsWindow(child));
-    EXPECT_FALSE(IsWindow(owned));
+    EXPECT_FALSE(IsWindow(parent) || IsWindow(child) || IsWindow(owned));
     EXPECT_FALSE(DestroyWindow(parent));
     EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_INVALID_WINDOW_HANDLE));
 
     // -1 from WM_CREATE: no window, and it was destroyed properly.
     g_log.clear();
     EXPECT_EQ(Make(WS_OVERLAPPED, nullptr, reinterpret_cast<LPVOID>(0xDEAD)), nullptr);
-    ASSERT_EQ(g_log.size(), 4u);
-    EXPECT_EQ(g_log[2].second, static_cast<UINT>(WM_DESTROY));
-    EXPECT_EQ(g_log[3].second, static_cast<UINT>(WM_NCDESTROY));
+    std::vector<UINT> msgs;
+    for (auto &e : g_log)
+        msgs.push_back(e.second);
+    EXPECT_EQ(msgs, (std::vector<UINT>{WM_NCCREATE, WM_CREATE, WM_DESTROY, WM_NCDESTROY}));
 
     // A child needs a parent.
     EXPECT_EQ(Make(WS_CHILD), nullptr);
@@ -151,9 +140,9 @@ TEST_F(UserWindowTest, TextAndFieldsGoThroughTheProcedure)
     ASSERT_NE(w, nullptr);
     WCHAR buf[64];
     EXPECT_EQ(GetWindowTextW(w, buf, 64), 19);
-    EXPECT_EQ(Narrow(buf), "Scanner  Image Data");
+    EXPECT_EQ(std::u16string(buf), u"Scanner  Image Data");
     EXPECT_EQ(GetWindowTextW(w, buf, 8), 7); // truncated, terminated
-    EXPECT_EQ(Narrow(buf), "Scanner");
+    EXPECT_EQ(std::u16string(buf), u"Scanner");
 
     // Subclassed: the new procedure sees WM_SETTEXT.
     auto old = SetWindowLongPtrW(w, GWLP_WNDPROC, reinterpret_cast<LONG_PTR>(ShoutingProc));
@@ -161,7 +150,7 @@ TEST_F(UserWindowTest, TextAndFieldsGoThroughTheProcedure)
     EXPECT_TRUE(SetWindowTextW(w, TEXT("mixed Case")));
     EXPECT_EQ(GetWindowTextLengthW(w), 10);
     GetWindowTextW(w, buf, 64);
-    EXPECT_EQ(Narrow(buf), "MIXED CASE");
+    EXPECT_EQ(std::u16string(buf), u"MIXED CASE");
 
     EXPECT_EQ(SetWindowLongPtrW(w, GWLP_USERDATA, 77), 0);
     EXPECT_EQ(GetWindowLongPtrW(w, GWLP_USERDATA), 77);
@@ -242,7 +231,7 @@ TEST_F(UserWindowTest, GeometryFollowsStylesAndSetWindowPos)
 
     RECT a{0, 0, 10, 10}, b{5, 5, 20, 20}, c{10, 0, 20, 5}, r;
     EXPECT_TRUE(IntersectRect(&r, &a, &b));
-    EXPECT_EQ(r.left + r.top + r.right + r.bottom, 5 + 5 + 10 + 10);
+    EXPECT_EQ(std::vector<LONG>({r.left, r.top, r.right, r.bottom}), std::vector<LONG>({5, 5, 10, 10}));
     EXPECT_FALSE(IntersectRect(&r, &a, &c)); // touching edges only
     EXPECT_TRUE(IsRectEmpty(&r));
 }
@@ -281,11 +270,6 @@ TEST_F(UserWindowTest, WindowsBelongToTheirThread)
     EXPECT_EQ(destroys, 2);
     EXPECT_EQ(g_destroyThread, worker);
 }
-
-} // namespace
-
-namespace
-{
 
 TEST_F(UserWindowTest, IconsAndCursorsAreSharedAndFoundInModules)
 {
