@@ -4,6 +4,7 @@
 
 #include <cstdlib>
 #include <fstream>
+#include <iterator>
 #include <string>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -71,69 +72,54 @@ TEST_F(FilesTest, WriteReadSeekAndSize)
     EXPECT_EQ(GetLastError(), DWORD(ERROR_INVALID_HANDLE));
 
     std::ifstream in(Host("a.bmp"));
-    std::string content;
-    std::getline(in, content);
-    EXPECT_EQ(content, "hello, world");
+    EXPECT_EQ(std::string(std::istreambuf_iterator<char>(in), {}), "hello, world");
 }
 
 TEST_F(FilesTest, DispositionsOnExistingAndMissingFiles)
 {
-    HANDLE h = Open("f", GENERIC_WRITE, OPEN_ALWAYS);
-    ASSERT_NE(h, INVALID_HANDLE_VALUE);
-    EXPECT_EQ(GetLastError(), 0u);
     DWORD n;
-    WriteFile(h, "12345", 5, &n, nullptr);
-    CloseHandle(h);
-
-    h = Open("f", GENERIC_READ, OPEN_ALWAYS);
-    ASSERT_NE(h, INVALID_HANDLE_VALUE);
-    EXPECT_EQ(GetLastError(), DWORD(ERROR_ALREADY_EXISTS));
-    EXPECT_EQ(GetFileSize(h, nullptr), 5u); // kept
-    EXPECT_FALSE(WriteFile(h, "x", 1, &n, nullptr));
-    EXPECT_EQ(GetLastError(), DWORD(ERROR_ACCESS_DENIED));
-    CloseHandle(h);
-
-    h = Open("f", GENERIC_WRITE, CREATE_ALWAYS);
-    ASSERT_NE(h, INVALID_HANDLE_VALUE);
-    EXPECT_EQ(GetLastError(), DWORD(ERROR_ALREADY_EXISTS));
-    EXPECT_EQ(GetFileSize(h, nullptr), 0u); // truncated
-    WriteFile(h, "abc", 3, &n, nullptr);
-    CloseHandle(h);
-
-    h = Open("f", GENERIC_WRITE, TRUNCATE_EXISTING);
-    ASSERT_NE(h, INVALID_HANDLE_VALUE);
-    EXPECT_EQ(GetFileSize(h, nullptr), 0u);
-    CloseHandle(h);
-
-    EXPECT_EQ(Open("f", GENERIC_WRITE, CREATE_NEW), INVALID_HANDLE_VALUE);
-    EXPECT_EQ(GetLastError(), DWORD(ERROR_FILE_EXISTS));
-    EXPECT_EQ(Open("missing", GENERIC_READ, OPEN_EXISTING), INVALID_HANDLE_VALUE);
-    EXPECT_EQ(GetLastError(), DWORD(ERROR_FILE_NOT_FOUND));
-    EXPECT_EQ(Open("missing", GENERIC_WRITE, TRUNCATE_EXISTING), INVALID_HANDLE_VALUE);
-    EXPECT_EQ(GetLastError(), DWORD(ERROR_FILE_NOT_FOUND));
-    EXPECT_EQ(Open("f", GENERIC_READ, 99), INVALID_HANDLE_VALUE);
-    EXPECT_EQ(GetLastError(), DWORD(ERROR_INVALID_PARAMETER));
-}
-
-TEST_F(FilesTest, FailuresThatStopRootToo)
-{
-    // A missing directory, and a file used as a directory: path not found.
-    EXPECT_EQ(Open("nodir\\x.bmp", GENERIC_WRITE, OPEN_ALWAYS), INVALID_HANDLE_VALUE);
-    EXPECT_EQ(GetLastError(), DWORD(ERROR_PATH_NOT_FOUND));
-    HANDLE h = Open("plain", GENERIC_WRITE, CREATE_NEW);
-    ASSERT_NE(h, INVALID_HANDLE_VALUE);
-    CloseHandle(h);
-    EXPECT_EQ(Open("plain\\x.bmp", GENERIC_WRITE, OPEN_ALWAYS), INVALID_HANDLE_VALUE);
-    EXPECT_EQ(GetLastError(), DWORD(ERROR_PATH_NOT_FOUND));
-    // A directory cannot be opened as a file nor deleted as one.
-    ASSERT_EQ(mkdir(Host("sub").c_str(), 0755), 0);
-    EXPECT_EQ(Open("sub", GENERIC_READ | GENERIC_WRITE, OPEN_ALWAYS), INVALID_HANDLE_VALUE);
-    EXPECT_EQ(GetLastError(), DWORD(ERROR_ACCESS_DENIED));
-    EXPECT_FALSE(DeleteFileW(Name("sub").c_str()));
-    EXPECT_EQ(GetLastError(), DWORD(ERROR_ACCESS_DENIED));
+    // Each step opens "f" (5 bytes when it was created) and checks error and size.
+    struct Step {
+        DWORD access, disposition, error, size;
+    } steps[] = {
+        {GENERIC_WRITE, OPEN_ALWAYS, 0, 0},                      // created
+        {GENERIC_READ, OPEN_ALWAYS, ERROR_ALREADY_EXISTS, 5},    // kept
+        {GENERIC_WRITE, CREATE_ALWAYS, ERROR_ALREADY_EXISTS, 0}, // truncated
+        {GENERIC_WRITE, TRUNCATE_EXISTING, 0, 0},
+    };
+    for (const Step &st : steps) {
+        SCOPED_TRACE(st.disposition);
+        SetLastError(0);
+        HANDLE h = Open("f", st.access, st.disposition);
+        ASSERT_NE(h, INVALID_HANDLE_VALUE);
+        EXPECT_EQ(GetLastError(), st.error);
+        EXPECT_EQ(GetFileSize(h, nullptr), st.size);
+        EXPECT_EQ(WriteFile(h, "12345", 5, &n, nullptr) ? 0 : GetLastError(),
+                  st.access == GENERIC_WRITE ? 0u : DWORD(ERROR_ACCESS_DENIED));
+        CloseHandle(h);
+    }
+    // Failures, including those that stop the driver from saving: a missing
+    // directory or a file used as one is 3, a directory as a file is 5.
     std::string longName(300, 'n');
-    EXPECT_EQ(Open(longName, GENERIC_WRITE, CREATE_ALWAYS), INVALID_HANDLE_VALUE);
-    EXPECT_EQ(GetLastError(), DWORD(ERROR_FILENAME_EXCED_RANGE));
+    ASSERT_EQ(mkdir(Host("sub").c_str(), 0755), 0);
+    struct Failure {
+        std::string leaf;
+        DWORD access, disposition, error;
+    } failures[] = {
+        {"f", GENERIC_WRITE, CREATE_NEW, ERROR_FILE_EXISTS},
+        {"missing", GENERIC_READ, OPEN_EXISTING, ERROR_FILE_NOT_FOUND},
+        {"missing", GENERIC_WRITE, TRUNCATE_EXISTING, ERROR_FILE_NOT_FOUND},
+        {"f", GENERIC_READ, 99, ERROR_INVALID_PARAMETER},
+        {"nodir\\x.bmp", GENERIC_WRITE, OPEN_ALWAYS, ERROR_PATH_NOT_FOUND},
+        {"f\\x.bmp", GENERIC_WRITE, OPEN_ALWAYS, ERROR_PATH_NOT_FOUND},
+        {"sub", GENERIC_READ | GENERIC_WRITE, OPEN_ALWAYS, ERROR_ACCESS_DENIED},
+        {longName, GENERIC_WRITE, CREATE_ALWAYS, ERROR_FILENAME_EXCED_RANGE},
+    };
+    for (const Failure &f : failures) {
+        SCOPED_TRACE(f.leaf.substr(0, 20));
+        EXPECT_EQ(Open(f.leaf, f.access, f.disposition), INVALID_HANDLE_VALUE);
+        EXPECT_EQ(GetLastError(), f.error);
+    }
 }
 
 TEST_F(FilesTest, DeleteFile)
@@ -143,10 +129,13 @@ TEST_F(FilesTest, DeleteFile)
     CloseHandle(h);
     EXPECT_TRUE(DeleteFileW(Name("d").c_str()));
     EXPECT_NE(access(Host("d").c_str(), F_OK), 0);
-    EXPECT_FALSE(DeleteFileW(Name("d").c_str()));
-    EXPECT_EQ(GetLastError(), DWORD(ERROR_FILE_NOT_FOUND));
-    EXPECT_FALSE(DeleteFileW(Name("nodir\\d").c_str()));
-    EXPECT_EQ(GetLastError(), DWORD(ERROR_PATH_NOT_FOUND));
+    ASSERT_EQ(mkdir(Host("sub").c_str(), 0755), 0);
+    const std::pair<const char *, DWORD> failures[] = {
+        {"d", ERROR_FILE_NOT_FOUND}, {"nodir\\d", ERROR_PATH_NOT_FOUND}, {"sub", ERROR_ACCESS_DENIED}};
+    for (auto [leaf, error] : failures) {
+        EXPECT_FALSE(DeleteFileW(Name(leaf).c_str())) << leaf;
+        EXPECT_EQ(GetLastError(), error) << leaf;
+    }
 }
 
 TEST_F(FilesTest, InjectedFailures)

@@ -1,8 +1,10 @@
 // KERNEL32 global memory and string helpers.
 #include "support/platform_fixture.h"
 
+#include <algorithm>
 #include <cstring>
 #include <string>
+#include <vector>
 
 TEST_F(PlatformTest, MoveableBlockLockCountAndFree)
 {
@@ -11,8 +13,7 @@ TEST_F(PlatformTest, MoveableBlockLockCountAndFree)
     EXPECT_EQ(GlobalSize(mem), 100u);
     auto *p = static_cast<BYTE *>(GlobalLock(mem));
     ASSERT_NE(p, nullptr);
-    for (int i = 0; i < 100; ++i)
-        ASSERT_EQ(p[i], 0) << "zero-initialised";
+    EXPECT_EQ(std::count(p, p + 100, 0), 100) << "zero-initialised";
     EXPECT_EQ(GlobalLock(mem), p);
     EXPECT_TRUE(GlobalUnlock(mem)) << "still locked once";
     SetLastError(1234);
@@ -28,7 +29,7 @@ TEST_F(PlatformTest, MoveableBlockLockCountAndFree)
     EXPECT_EQ(GlobalSize(mem), 0u);
 }
 
-TEST_F(PlatformTest, FixedBlockIsItsOwnPointer)
+TEST_F(PlatformTest, FixedBlockIsItsOwnPointerAndReAllocRules)
 {
     HGLOBAL mem = GlobalAlloc(GPTR, 8);
     ASSERT_NE(mem, nullptr);
@@ -44,11 +45,9 @@ TEST_F(PlatformTest, FixedBlockIsItsOwnPointer)
     EXPECT_EQ(static_cast<BYTE *>(grown)[(1 << 20) - 1], 0);
     EXPECT_EQ(GlobalSize(grown), static_cast<SIZE_T>(1 << 20));
     EXPECT_EQ(GlobalFree(grown), nullptr);
-}
 
-TEST_F(PlatformTest, MoveableReAllocKeepsHandleAndContent)
-{
-    HGLOBAL mem = GlobalAlloc(0x2002, 4);
+    // A moveable block keeps its handle and content when it grows.
+    mem = GlobalAlloc(0x2002, 4);
     ASSERT_NE(mem, nullptr);
     std::memcpy(GlobalLock(mem), "xyz", 4);
     GlobalUnlock(mem);
@@ -96,11 +95,10 @@ TEST_F(PlatformTest, WideStringHelpers)
     EXPECT_EQ(std::u16string(buf), u"KS-610");
     EXPECT_EQ(lstrlenW(buf), 6);
     EXPECT_EQ(lstrlenW(nullptr), 0);
-    EXPECT_EQ(lstrcmpW(u"abc", u"abd"), -1);
-    EXPECT_EQ(lstrcmpW(u"abc", u"ab"), 1);
+    EXPECT_EQ(std::vector<int>({lstrcmpW(u"abc", u"abd"), lstrcmpW(u"abc", u"ab"), lstrcmpiW(u"TAMRIX", u"tamrix"),
+                                lstrcmpiW(u"Scanner", u"scanners")}),
+              std::vector<int>({-1, 1, 0, -1}));
     EXPECT_NE(lstrcmpW(u"TAMRIX", u"tamrix"), 0);
-    EXPECT_EQ(lstrcmpiW(u"TAMRIX", u"tamrix"), 0);
-    EXPECT_EQ(lstrcmpiW(u"Scanner", u"scanners"), -1);
 }
 
 TEST_F(PlatformTest, CodePageConversionsRoundTripUtf8)

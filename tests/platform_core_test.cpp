@@ -207,37 +207,26 @@ struct Injected {
 
 std::vector<Injected> KernelInjectables(HANDLE event, HANDLE thread, HGLOBAL mem)
 {
+    // Each call gives back what it made when it succeeded.
+    auto failed = [](HANDLE h) { return h == nullptr || (WaitForSingleObject(h, INFINITE), CloseHandle(h), false); };
+    DWORD code = 0;
     return {
         {"GlobalAlloc", ERROR_NOT_ENOUGH_MEMORY,
          [] {
              HGLOBAL h = GlobalAlloc(0x0142, 4);
-             return h == nullptr || (GlobalFree(h), false);
+             return !h || GlobalFree(h);
          }},
-        {"GlobalLock", ERROR_NOT_ENOUGH_MEMORY,
-         [mem] { return GlobalLock(mem) == nullptr || (GlobalUnlock(mem), false); }},
+        {"GlobalLock", ERROR_NOT_ENOUGH_MEMORY, [mem] { return !GlobalLock(mem) || (GlobalUnlock(mem), false); }},
         {"GlobalReAlloc", ERROR_NOT_ENOUGH_MEMORY, [mem] { return GlobalReAlloc(mem, 64, GMEM_MOVEABLE) == nullptr; }},
-        {"CreateEventW", ERROR_NOT_ENOUGH_MEMORY,
-         [] {
-             HANDLE h = CreateEventW(nullptr, FALSE, FALSE, nullptr);
-             return h == nullptr || (CloseHandle(h), false);
-         }},
+        {"CreateEventW", ERROR_NOT_ENOUGH_MEMORY, [=] { return failed(CreateEventW(nullptr, TRUE, TRUE, nullptr)); }},
         {"SetEvent", ERROR_INVALID_HANDLE, [event] { return !SetEvent(event); }},
         {"WaitForSingleObject", ERROR_INVALID_HANDLE, [event] { return WaitForSingleObject(event, 0) == WAIT_FAILED; }},
         {"CreateThread", ERROR_NOT_ENOUGH_MEMORY,
-         [] {
-             HANDLE h = CreateThread(
-                 nullptr, 256, [](LPVOID) -> DWORD { return 0; }, nullptr, 0, nullptr);
-             if (!h)
-                 return true;
-             WaitForSingleObject(h, INFINITE);
-             CloseHandle(h);
-             return false;
+         [=] {
+             return failed(CreateThread(
+                 nullptr, 256, [](LPVOID) -> DWORD { return 0; }, nullptr, 0, nullptr));
          }},
-        {"GetExitCodeThread", ERROR_INVALID_HANDLE,
-         [thread] {
-             DWORD code = 0;
-             return !GetExitCodeThread(thread, &code);
-         }},
+        {"GetExitCodeThread", ERROR_INVALID_HANDLE, [=]() mutable { return !GetExitCodeThread(thread, &code); }},
         {"TerminateThread", ERROR_ACCESS_DENIED, [thread] { return !TerminateThread(thread, 1); }},
     };
 }
@@ -295,9 +284,6 @@ TEST_F(PlatformTest, NthCallFaultAndCallCounts)
     EXPECT_EQ(PlatCallCount("GlobalLock"), 0u);
     PlatClearFaults();
     EXPECT_EQ(PlatCallCount("GlobalAlloc"), 0u);
-    for (HGLOBAL h : blocks) {
-        if (h) {
-            EXPECT_EQ(GlobalFree(h), nullptr);
-        }
-    }
+    for (HGLOBAL h : blocks)
+        GlobalFree(h);
 }
