@@ -41,36 +41,22 @@ bool Hook(HDRVR, UINT msg, LPARAM p1, LPARAM p2, LRESULT &result)
     s.param1 = p1;
     if (msg >= DRV_MCI_FIRST && p2)
         s.callback = reinterpret_cast<MCI_GENERIC_PARMS *>(p2)->dwCallback;
-    switch (msg) {
-    case DRV_OPEN:
-        g_sent.push_back(s);
-        return false; // the driver fills the block; checked after the call
-    case MCI_OPEN_DRIVER: {
+    result = 0;
+    if (msg == MCI_OPEN_DRIVER) {
         auto *o = reinterpret_cast<MCI_OPEN_PARMSW *>(p2);
         s.type = Copy(o->lpstrDeviceType);
         s.alias = (p1 & MCI_OPEN_ALIAS) ? Copy(o->lpstrAlias) : u"";
         s.openDriver.wDeviceID = o->wDeviceID;
-        g_sent.push_back(s);
         result = g_openAnswer;
-        return true;
-    }
-    case MCI_GETDEVCAPS:
+    } else if (msg == MCI_GETDEVCAPS) {
         reinterpret_cast<MCI_GETDEVCAPS_PARMS *>(p2)->dwReturn = MCI_DEVTYPE_SCANNER;
-        g_sent.push_back(s);
         result = MCI_RESOURCE_RETURNED;
-        return true;
-    case MCI_STOP:
-        g_sent.push_back(s);
+    } else if (msg == MCI_STOP) {
         result = g_stopAnswer;
-        return true;
-    default:
-        g_sent.push_back(s);
-        if (msg >= DRV_MCI_FIRST) {
-            result = 0;
-            return true;
-        }
-        return false;
     }
+    g_sent.push_back(s);
+    // Driver messages go on to the driver (which fills the DRV_OPEN block).
+    return msg >= DRV_MCI_FIRST;
 }
 
 std::vector<UINT> Messages()
@@ -145,8 +131,6 @@ TEST_F(WinmmMciTest, OpenAndCloseRunTheDriverMessagesInOrder)
 
 TEST_F(WinmmMciTest, TheDriverFillsTheOpenDriverBlock)
 {
-    MCI_OPEN_PARMSW p{};
-    p.lpstrDeviceType = u"scanner";
     // The block as WINMM hands it to DRV_OPEN.
     static MCI_OPEN_DRIVER_PARMSW seen;
     static std::u16string params;
@@ -155,20 +139,18 @@ TEST_F(WinmmMciTest, TheDriverFillsTheOpenDriverBlock)
             seen = *reinterpret_cast<MCI_OPEN_DRIVER_PARMSW *>(p2);
             params = Copy(seen.lpstrParams);
         }
-        if (msg == MCI_OPEN_DRIVER || msg == MCI_CLOSE_DRIVER) {
-            result = 0;
-            return true;
-        }
-        return false;
+        result = 0;
+        return msg == MCI_OPEN_DRIVER || msg == MCI_CLOSE_DRIVER;
     });
+    MCI_OPEN_PARMSW p{};
+    p.lpstrDeviceType = u"scanner";
     ASSERT_EQ(mciSendCommandW(0, MCI_OPEN, MCI_OPEN_TYPE | MCI_WAIT, reinterpret_cast<DWORD_PTR>(&p)), 0u);
     EXPECT_EQ(p.wDeviceID, 1u);
     EXPECT_EQ(seen.wDeviceID, 1u);
     EXPECT_TRUE(params == u"");
     MCI_GENERIC_PARMS g{};
-    EXPECT_EQ(mciSendCommandW(p.wDeviceID, MCI_CLOSE, MCI_WAIT, reinterpret_cast<DWORD_PTR>(&g)), 0u);
-    EXPECT_EQ(mciSendCommandW(p.wDeviceID, MCI_STOP, MCI_WAIT, reinterpret_cast<DWORD_PTR>(&g)),
-              DWORD(MCIERR_INVALID_DEVICE_ID));
+    EXPECT_EQ(mciSendCommandW(1, MCI_CLOSE, MCI_WAIT, reinterpret_cast<DWORD_PTR>(&g)), 0u);
+    EXPECT_EQ(mciSendCommandW(1, MCI_STOP, MCI_WAIT, reinterpret_cast<DWORD_PTR>(&g)), DWORD(MCIERR_INVALID_DEVICE_ID));
 }
 
 TEST_F(WinmmMciTest, OpenFailuresLeaveNothingOpen)
@@ -210,31 +192,29 @@ TEST_F(WinmmMciTest, CommandsReachTheDriverOnlyWhenTheyParse)
     EXPECT_EQ(Send(u"close s wait"), 0u);
 }
 
+std::u16string ErrorText(DWORD err, UINT size = 128)
+{
+    WCHAR text[128];
+    return mciGetErrorStringW(err, text, size) ? std::u16string(text) : u"<none>";
+}
+
 TEST_F(WinmmMciTest, DriverErrorsCarryTheDeviceAndTheDriversText)
 {
     ASSERT_EQ(Send(u"open scanner alias s wait"), 0u);
-    WCHAR text[128];
     g_stopAnswer = MCIERR_CUSTOM_DRIVER_BASE + 2;
     DWORD err = Send(u"stop s wait");
     EXPECT_EQ(err, DWORD(MAKELONG(514, 1)));
-    ASSERT_TRUE(mciGetErrorStringW(err, text, 128));
-    EXPECT_TRUE(std::u16string(text) == u"コマンドの実行手順が不正です。");
+    EXPECT_TRUE(ErrorText(err) == u"コマンドの実行手順が不正です。");
     g_stopAnswer = MCIERR_CUSTOM_DRIVER_BASE + 1;
-    err = Send(u"stop s wait");
-    ASSERT_TRUE(mciGetErrorStringW(err, text, 128));
-    EXPECT_TRUE(std::u16string(text) == u"スキャナ装置の異常状態を通知するレスポンスが返りました。");
+    EXPECT_TRUE(ErrorText(Send(u"stop s wait")) == u"スキャナ装置の異常状態を通知するレスポンスが返りました。");
     g_stopAnswer = MCIERR_HARDWARE;
     EXPECT_EQ(Send(u"stop s wait"), DWORD(MCIERR_HARDWARE));
     EXPECT_EQ(Send(u"close s wait"), 0u);
     // After the close the driver's text is still found.
-    ASSERT_TRUE(mciGetErrorStringW(MCIERR_CUSTOM_DRIVER_BASE + 2, text, 128));
-    EXPECT_TRUE(std::u16string(text) == u"コマンドの実行手順が不正です。");
-
-    ASSERT_TRUE(mciGetErrorStringW(MCIERR_UNRECOGNIZED_COMMAND, text, 128));
-    EXPECT_TRUE(std::u16string(text) == u"The driver cannot recognize the specified command.");
-    ASSERT_TRUE(mciGetErrorStringW(MCIERR_PARAM_OVERFLOW, text, 8));
-    EXPECT_TRUE(std::u16string(text) == u"The out");
-    EXPECT_FALSE(mciGetErrorStringW(999, text, 128));
+    EXPECT_TRUE(ErrorText(MCIERR_CUSTOM_DRIVER_BASE + 2) == u"コマンドの実行手順が不正です。");
+    EXPECT_TRUE(ErrorText(MCIERR_UNRECOGNIZED_COMMAND) == u"The driver cannot recognize the specified command.");
+    EXPECT_TRUE(ErrorText(MCIERR_PARAM_OVERFLOW, 8) == u"The out");
+    EXPECT_TRUE(ErrorText(999) == u"<none>");
 }
 
 LRESULT CALLBACK PlainProc(HWND w, UINT m, WPARAM wp, LPARAM lp)

@@ -60,151 +60,112 @@ std::string Str(LPCWSTR s)
     return r;
 }
 
-TEST_F(WinmmParseTest, GenericCommandsCarryFlagsAndCallback)
+TEST_F(WinmmParseTest, EachCommandParsesToItsMessageFlagsAndCallback)
 {
+    const DWORD W = MCI_WAIT, N = MCI_NOTIFY;
     struct Case {
         const char16_t *verb, *params;
         UINT message;
         DWORD flags;
     } cases[] = {
-        {u"close", u"wait", 0x0804, MCI_WAIT},
-        {u"copy", u"notify", 0x0852, MCI_NOTIFY},
-        {u"stop", u"WAIT", 0x0808, MCI_WAIT},
-        {u"CLOSE", u"  notify  ", 0x0804, MCI_NOTIFY},
+        {u"close", u"wait", 0x0804, W},
+        {u"copy", u"notify", 0x0852, N},
+        {u"stop", u"WAIT", 0x0808, W},
+        {u"CLOSE", u"  notify  ", 0x0804, N},
         {u"stop", u"", 0x0808, 0},
-        {u"copy", u"notify wait", 0x0852, MCI_NOTIFY | MCI_WAIT},
+        {u"copy", u"notify wait", 0x0852, N | W},
+        {u"capability", u"can halftone wait", MCI_GETDEVCAPS, MCI_GETDEVCAPS_ITEM | W},
+        {u"info", u"product wait", MCI_INFO, MCI_INFO_PRODUCT | W},
+        {u"status", u"scanner wait", MCI_STATUS, MCI_STATUS_ITEM | W},
+        {u"where", u"destination wait", MCI_WHERE, MCI_ANIM_WHERE_DESTINATION | W},
+        {u"open", u"type scanner element \"x y\" alias s shareable wait", MCI_OPEN,
+         MCI_OPEN_TYPE | MCI_OPEN_ELEMENT | MCI_OPEN_ALIAS | MCI_OPEN_SHAREABLE | W},
+        {u"scanmode", u"colormode 16386 resolution 200 contrast -1 colorstep 3 halftone dialog wait", 0x0C02,
+         0x10000 | 0x20000 | 0x40000 | 0x80000 | 0x100000 | 0x200000 | W},
+        {u"scanread", u"notify rect 10 -20 2100 +2970", 0x0C01, 0x10000 | N},
+        {u"put", u"source at 1 2 3 4 wait", MCI_PUT, MCI_ANIM_RECT | MCI_ANIM_PUT_SOURCE | W},
+        {u"save", u"wait \"/tmp/a b.bmp\"", MCI_SAVE, MCI_SAVE_FILE | W},
+        {u"set", u"time format millimeter wait", MCI_SET, MCI_SET_TIME_FORMAT | W},
+        {u"window", u"handle 4660 state no action text \"Scan 1\" wait", MCI_WINDOW,
+         MCI_ANIM_WINDOW_HWND | MCI_ANIM_WINDOW_STATE | MCI_ANIM_WINDOW_TEXT | W},
+        {u"window", u"handle default wait", MCI_WINDOW, MCI_ANIM_WINDOW_HWND | W},
     };
     for (const Case &c : cases) {
+        SCOPED_TRACE(Str(c.verb) + " " + Str(c.params));
         mm::Parsed p;
-        ASSERT_EQ(Parse(c.verb, c.params, p, reinterpret_cast<HWND>(0x4321)), 0u) << Str(c.verb);
-        EXPECT_EQ(p.message, c.message) << Str(c.verb);
-        EXPECT_EQ(p.flags, c.flags) << Str(c.verb) << " " << Str(c.params);
+        ASSERT_EQ(Parse(c.verb, c.params, p, reinterpret_cast<HWND>(0x4321)), 0u);
+        EXPECT_EQ(p.message, c.message);
+        EXPECT_EQ(p.flags, c.flags);
         EXPECT_EQ(Block<MCI_GENERIC_PARMS>(p).dwCallback, 0x4321u);
     }
 }
 
-TEST_F(WinmmParseTest, ReturningCommandsLayOutThePublishedBlocks)
+TEST_F(WinmmParseTest, BlocksAreLaidOutAsPublished)
 {
-    mm::Parsed caps;
-    ASSERT_EQ(Parse(u"capability", u"can halftone wait", caps), 0u);
-    EXPECT_EQ(caps.message, MCI_GETDEVCAPS);
-    EXPECT_EQ(caps.flags, MCI_GETDEVCAPS_ITEM | MCI_WAIT);
-    EXPECT_EQ(Block<MCI_GETDEVCAPS_PARMS>(caps).dwItem, 0x4014u);
-    EXPECT_EQ(caps.returnOffset, offsetof(MCI_GETDEVCAPS_PARMS, dwReturn));
+    mm::Parsed p;
+    auto parse = [&](const char16_t *verb, const char16_t *params) {
+        p = mm::Parsed{};
+        ASSERT_EQ(Parse(verb, params, p), 0u) << Str(verb) << " " << Str(params);
+    };
+    parse(u"capability", u"can halftone wait");
+    EXPECT_EQ(Block<MCI_GETDEVCAPS_PARMS>(p).dwItem, 0x4014u);
+    EXPECT_EQ(p.returnOffset, offsetof(MCI_GETDEVCAPS_PARMS, dwReturn));
+    parse(u"capability", u"notify device type");
+    EXPECT_EQ(Block<MCI_GETDEVCAPS_PARMS>(p).dwItem, 4u);
+    parse(u"info", u"product wait");
+    EXPECT_EQ(Block<MCI_INFO_PARMSW>(p).lpstrReturn, buffer_);
+    EXPECT_EQ(Block<MCI_INFO_PARMSW>(p).dwRetSize, 64u);
+    parse(u"status", u"scanner wait");
+    EXPECT_EQ(Block<MCI_STATUS_PARMS>(p).dwItem, 0x4001u);
+    EXPECT_EQ(p.returnOffset, offsetof(MCI_STATUS_PARMS, dwReturn));
+    EXPECT_EQ(p.returnSize, sizeof(DWORD_PTR));
+    parse(u"where", u"destination wait");
+    EXPECT_EQ(p.returnKind, mm::ReturnKind::Rect);
+    EXPECT_EQ(p.returnOffset, offsetof(MCI_ANIM_RECT_PARMS, rc));
+    parse(u"open", u"type scanner element \"x y\" alias s shareable wait");
+    const auto &o = Block<MCI_OPEN_PARMSW>(p);
+    EXPECT_EQ(Str(o.lpstrDeviceType) + "|" + Str(o.lpstrElementName) + "|" + Str(o.lpstrAlias), "scanner|x y|s");
+    EXPECT_EQ(p.returnOffset, offsetof(MCI_OPEN_PARMSW, wDeviceID));
 
-    mm::Parsed dt;
-    ASSERT_EQ(Parse(u"capability", u"notify device type", dt), 0u);
-    EXPECT_EQ(Block<MCI_GETDEVCAPS_PARMS>(dt).dwItem, 4u);
+    parse(u"scanmode", u"colormode 16386 resolution 200 contrast -1 colorstep 3 halftone dialog wait");
+    const auto &m = Block<ScanModeParms>(p);
+    EXPECT_EQ(std::vector<DWORD>({m.resolution, m.contrast, m.colorStep, m.colorMode}),
+              std::vector<DWORD>({200, 0xFFFFFFFF, 3, 16386}));
+    EXPECT_EQ(p.blockSize, sizeof(ScanModeParms));
+    parse(u"scanread", u"notify rect 10 -20 2100 +2970");
+    const RECT &r = Block<ScanReadParms>(p).rc;
+    EXPECT_EQ(std::vector<LONG>({r.left, r.top, r.right, r.bottom}), std::vector<LONG>({10, -20, 2100, 2970}));
+    parse(u"put", u"source at 1 2 3 4 wait");
+    EXPECT_EQ(Block<MCI_ANIM_RECT_PARMS>(p).rc.bottom, 4);
+    parse(u"save", u"wait \"/tmp/a b.bmp\"");
+    EXPECT_EQ(Str(Block<MCI_SAVE_PARMSW>(p).lpfilename), "/tmp/a b.bmp");
 
-    mm::Parsed info;
-    ASSERT_EQ(Parse(u"info", u"product wait", info), 0u);
-    EXPECT_EQ(info.message, MCI_INFO);
-    EXPECT_EQ(info.flags, MCI_INFO_PRODUCT | MCI_WAIT);
-    EXPECT_EQ(Block<MCI_INFO_PARMSW>(info).lpstrReturn, buffer_);
-    EXPECT_EQ(Block<MCI_INFO_PARMSW>(info).dwRetSize, 64u);
-
-    mm::Parsed status;
-    ASSERT_EQ(Parse(u"status", u"scanner wait", status), 0u);
-    EXPECT_EQ(status.message, MCI_STATUS);
-    EXPECT_EQ(status.flags, MCI_STATUS_ITEM | MCI_WAIT);
-    EXPECT_EQ(Block<MCI_STATUS_PARMS>(status).dwItem, 0x4001u);
-    EXPECT_EQ(status.returnOffset, offsetof(MCI_STATUS_PARMS, dwReturn));
-    EXPECT_EQ(status.returnSize, sizeof(DWORD_PTR));
-
-    mm::Parsed where;
-    ASSERT_EQ(Parse(u"where", u"destination wait", where), 0u);
-    EXPECT_EQ(where.message, MCI_WHERE);
-    EXPECT_EQ(where.flags, DWORD(MCI_ANIM_WHERE_DESTINATION | MCI_WAIT));
-    EXPECT_EQ(where.returnKind, mm::ReturnKind::Rect);
-    EXPECT_EQ(where.returnOffset, offsetof(MCI_ANIM_RECT_PARMS, rc));
-
-    mm::Parsed open;
-    ASSERT_EQ(Parse(u"open", u"type scanner element \"x y\" alias s shareable wait", open), 0u);
-    EXPECT_EQ(open.message, MCI_OPEN);
-    EXPECT_EQ(open.flags, DWORD(MCI_OPEN_TYPE | MCI_OPEN_ELEMENT | MCI_OPEN_ALIAS | MCI_OPEN_SHAREABLE | MCI_WAIT));
-    const auto &o = Block<MCI_OPEN_PARMSW>(open);
-    EXPECT_EQ(Str(o.lpstrDeviceType), "scanner");
-    EXPECT_EQ(Str(o.lpstrElementName), "x y");
-    EXPECT_EQ(Str(o.lpstrAlias), "s");
-    EXPECT_EQ(open.returnOffset, offsetof(MCI_OPEN_PARMSW, wDeviceID));
-}
-
-TEST_F(WinmmParseTest, DriverCommandsFillTheDriversOwnBlocks)
-{
-    mm::Parsed mode;
-    ASSERT_EQ(Parse(u"scanmode", u"colormode 16386 resolution 200 contrast -1 colorstep 3 halftone dialog wait", mode),
-              0u);
-    EXPECT_EQ(mode.message, 0x0C02u);
-    EXPECT_EQ(mode.flags, 0x10000u | 0x20000 | 0x40000 | 0x80000 | 0x100000 | 0x200000 | MCI_WAIT);
-    const auto &m = Block<ScanModeParms>(mode);
-    EXPECT_EQ(m.resolution, 200u);
-    EXPECT_EQ(m.contrast, 0xFFFFFFFFu);
-    EXPECT_EQ(m.colorStep, 3u);
-    EXPECT_EQ(m.colorMode, 16386u);
-    EXPECT_EQ(mode.blockSize, sizeof(ScanModeParms));
-
-    mm::Parsed read;
-    ASSERT_EQ(Parse(u"scanread", u"notify rect 10 -20 2100 +2970", read), 0u);
-    EXPECT_EQ(read.message, 0x0C01u);
-    EXPECT_EQ(read.flags, 0x10000u | MCI_NOTIFY);
-    const RECT &r = Block<ScanReadParms>(read).rc;
-    EXPECT_EQ(r.left, 10);
-    EXPECT_EQ(r.top, -20);
-    EXPECT_EQ(r.right, 2100);
-    EXPECT_EQ(r.bottom, 2970);
-
-    mm::Parsed put;
-    ASSERT_EQ(Parse(u"put", u"source at 1 2 3 4 wait", put), 0u);
-    EXPECT_EQ(put.flags, DWORD(MCI_ANIM_RECT | MCI_ANIM_PUT_SOURCE | MCI_WAIT));
-    EXPECT_EQ(Block<MCI_ANIM_RECT_PARMS>(put).rc.bottom, 4);
-
-    mm::Parsed save;
-    ASSERT_EQ(Parse(u"save", u"wait \"/tmp/a b.bmp\"", save), 0u);
-    EXPECT_EQ(save.message, MCI_SAVE);
-    EXPECT_EQ(save.flags, DWORD(MCI_SAVE_FILE | MCI_WAIT));
-    EXPECT_EQ(Str(Block<MCI_SAVE_PARMSW>(save).lpfilename), "/tmp/a b.bmp");
-}
-
-TEST_F(WinmmParseTest, WindowConstantsTakeItemsOrNumbers)
-{
-    mm::Parsed w;
-    ASSERT_EQ(Parse(u"window", u"handle 4660 state no action text \"Scan 1\" wait", w), 0u);
-    EXPECT_EQ(w.message, MCI_WINDOW);
-    EXPECT_EQ(w.flags, DWORD(MCI_ANIM_WINDOW_HWND | MCI_ANIM_WINDOW_STATE | MCI_ANIM_WINDOW_TEXT | MCI_WAIT));
-    const auto &b = Block<MCI_ANIM_WINDOW_PARMSW>(w);
-    EXPECT_EQ(b.hWnd, reinterpret_cast<HWND>(4660));
-    EXPECT_EQ(b.nCmdShow, 8u);
-    EXPECT_EQ(Str(b.lpstrText), "Scan 1");
-
+    parse(u"window", u"handle 4660 state no action text \"Scan 1\" wait");
+    EXPECT_EQ(Block<MCI_ANIM_WINDOW_PARMSW>(p).hWnd, reinterpret_cast<HWND>(4660));
+    EXPECT_EQ(Block<MCI_ANIM_WINDOW_PARMSW>(p).nCmdShow, 8u);
+    EXPECT_EQ(Str(Block<MCI_ANIM_WINDOW_PARMSW>(p).lpstrText), "Scan 1");
+    parse(u"window", u"handle default wait");
+    EXPECT_EQ(Block<MCI_ANIM_WINDOW_PARMSW>(p).hWnd, nullptr);
     // "minimize" must not swallow the first letters of "minimized".
     const std::pair<const char16_t *, UINT> states[] = {{u"state minimized wait", 2}, {u"state minimize wait", 6},
                                                         {u"state maximized wait", 3}, {u"state restore wait", 9},
                                                         {u"state hide wait", 0},      {u"state no activate wait", 4}};
     for (auto [params, show] : states) {
-        mm::Parsed s;
-        ASSERT_EQ(Parse(u"window", params, s), 0u) << Str(params);
-        EXPECT_EQ(Block<MCI_ANIM_WINDOW_PARMSW>(s).nCmdShow, show) << Str(params);
+        parse(u"window", params);
+        EXPECT_EQ(Block<MCI_ANIM_WINDOW_PARMSW>(p).nCmdShow, show) << Str(params);
     }
-    mm::Parsed d;
-    ASSERT_EQ(Parse(u"window", u"handle default wait", d), 0u);
-    EXPECT_EQ(Block<MCI_ANIM_WINDOW_PARMSW>(d).hWnd, nullptr);
-    EXPECT_EQ(d.flags, DWORD(MCI_ANIM_WINDOW_HWND | MCI_WAIT));
 }
 
 TEST_F(WinmmParseTest, TimeFormatOnlyMatchesItsFirstStoredItem)
 {
-    mm::Parsed mm;
-    ASSERT_EQ(Parse(u"set", u"time format millimeter wait", mm), 0u);
-    EXPECT_EQ(mm.message, MCI_SET);
-    EXPECT_EQ(mm.flags, DWORD(MCI_SET_TIME_FORMAT | MCI_WAIT));
-    EXPECT_EQ(Block<MCI_SET_PARMS>(mm).dwTimeFormat, 0x4001u);
+    mm::Parsed p;
+    ASSERT_EQ(Parse(u"set", u"time format millimeter wait", p), 0u);
+    EXPECT_EQ(Block<MCI_SET_PARMS>(p).dwTimeFormat, 0x4001u);
     for (const char16_t *params : {u"time format inch wait", u"time format dot wait", u"time format 16386 wait"}) {
-        mm::Parsed p;
-        EXPECT_EQ(Parse(u"set", params, p), DWORD(MCIERR_UNRECOGNIZED_COMMAND)) << Str(params);
+        mm::Parsed q;
+        EXPECT_EQ(Parse(u"set", params, q), DWORD(MCIERR_UNRECOGNIZED_COMMAND)) << Str(params);
     }
     // The commands after "set" are still found and whole.
-    mm::Parsed stop;
-    EXPECT_EQ(Parse(u"stop", u"wait", stop), 0u);
     mm::Parsed status;
     ASSERT_EQ(Parse(u"status", u"wait ready", status), 0u);
     EXPECT_EQ(Block<MCI_STATUS_PARMS>(status).dwItem, 7u);
