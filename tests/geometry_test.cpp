@@ -52,109 +52,91 @@ private:
 
 TEST_F(GeometryTest, RectanglesAgainstModelAreas)
 {
+    const DWORD RS = IF_RS232C, SCSI = IF_SCSI, GPIB = IF_GPIB;
+    struct Case {
+        DWORD model, iface;
+        int unit;
+        LONG x, y, w, h;
+        int ok;
+    } cases[] = {
+        // The default area of models 1, 2, 4 fits; the left edge must be >= 0.1 inch.
+        {1, RS, UNIT_DOT, 9, 0, 704, 1051, 1},
+        {2, RS, UNIT_DOT, 9, 0, 704, 1051, 1},
+        {4, RS, UNIT_DOT, 9, 0, 704, 1051, 1},
+        {1, RS, UNIT_DOT, 0, 0, 100, 100, 0},
+        {2, RS, UNIT_DOT, 0, 0, 100, 100, 0},
+        {4, RS, UNIT_DOT, 0, 0, 100, 100, 0},
+        // SCSI is 0.0075 inch shorter than the serial interfaces (296.7 mm fits only the latter).
+        {1, SCSI, UNIT_MILLIMETER, 26, 0, 100, 2967, 0},
+        {1, SCSI, UNIT_MILLIMETER, 26, 0, 100, 2966, 1},
+        {1, RS, UNIT_MILLIMETER, 26, 0, 100, 2967, 1},
+        // Model 3's small area, and model 7's minimum size.
+        {3, GPIB, UNIT_DOT, 0, 0, 352, 576, 1},
+        {3, GPIB, UNIT_DOT, 0, 0, 379, 100, 0},
+        {7, GPIB, UNIT_DOT, 0, 0, 3, 100, 1},
+        {7, GPIB, UNIT_DOT, 0, 0, 2, 100, 0},
+        // Undefined models and interfaces are refused.
+        {0, RS, UNIT_DOT, 9, 0, 100, 100, 0},
+        {8, RS, UNIT_DOT, 9, 0, 100, 100, 0},
+        {1, 0, UNIT_DOT, 9, 0, 100, 100, 0},
+        {5, 4, UNIT_DOT, 9, 0, 100, 100, 0},
+    };
     ScanRect px{};
-    // The default area of models 1, 2, 4 fits; the left edge must be >= 0.1 inch.
-    for (DWORD model : {1u, 2u, 4u}) {
-        Use(model, IF_RS232C);
-        EXPECT_EQ(ToPixels(9, 0, 704, 1051, &px), 1) << model;
-        EXPECT_EQ(px.x, 9);
-        EXPECT_EQ(px.width, 704);
-        EXPECT_EQ(px.height, 1051);
-        EXPECT_EQ(ToPixels(0, 0, 100, 100, &px), 0) << model;
+    for (const Case &c : cases) {
+        SCOPED_TRACE(::testing::Message() << "model " << c.model << " if " << c.iface << " " << c.w << "x" << c.h);
+        Use(c.model, c.iface);
+        g_timeFormat = c.unit;
+        ASSERT_EQ(ToPixels(c.x, c.y, c.w, c.h, &px), c.ok);
+        if (c.ok && c.unit == UNIT_DOT) {
+            EXPECT_EQ(std::vector<LONG>({px.x, px.y, px.width, px.height}), std::vector<LONG>({c.x, c.y, c.w, c.h}));
+        }
     }
-    // SCSI is 0.0075 inch shorter than the serial interfaces (296.7 mm
-    // fits only the latter).
-    g_timeFormat = UNIT_MILLIMETER;
-    Use(1, IF_SCSI);
-    EXPECT_EQ(ToPixels(26, 0, 100, 2967, &px), 0);
-    EXPECT_EQ(ToPixels(26, 0, 100, 2966, &px), 1);
-    Use(1, IF_RS232C);
-    EXPECT_EQ(ToPixels(26, 0, 100, 2967, &px), 1);
-    g_timeFormat = UNIT_DOT;
-    // Model 3's small area, and model 7's minimum size.
-    Use(3, IF_GPIB);
-    EXPECT_EQ(ToPixels(0, 0, 352, 576, &px), 1);
-    EXPECT_EQ(ToPixels(0, 0, 379, 100, &px), 0);
-    Use(7, IF_GPIB);
-    EXPECT_EQ(ToPixels(0, 0, 3, 100, &px), 1);
-    EXPECT_EQ(ToPixels(0, 0, 2, 100, &px), 0);
-    // Undefined models and interfaces are refused.
-    for (DWORD model : {0u, 8u}) {
-        Use(model, IF_RS232C);
-        EXPECT_EQ(ToPixels(9, 0, 100, 100, &px), 0);
-    }
-    Use(1, 0);
-    EXPECT_EQ(ToPixels(9, 0, 100, 100, &px), 0);
-    Use(5, 4);
-    EXPECT_EQ(ToPixels(9, 0, 100, 100, &px), 0);
 
     // Tenths of a millimetre and hundredths of an inch: one inch is 90 dots.
     Use(1, IF_RS232C);
     g_timeFormat = UNIT_MILLIMETER;
     ASSERT_EQ(ToPixels(254, 0, 508, 254, &px), 1);
-    EXPECT_EQ(px.x, 90);
-    EXPECT_EQ(px.width, 180);
-    EXPECT_EQ(px.height, 90);
+    EXPECT_EQ(std::vector<LONG>({px.x, px.width, px.height}), std::vector<LONG>({90, 180, 90}));
     g_timeFormat = UNIT_INCH;
     ASSERT_EQ(ToPixels(100, 50, 200, 100, &px), 1);
-    EXPECT_EQ(px.x, 90);
-    EXPECT_EQ(px.y, 45);
-    EXPECT_EQ(g_scanRectPx.width, 180);
+    EXPECT_EQ(std::vector<LONG>({px.x, px.y, g_scanRectPx.width}), std::vector<LONG>({90, 45, 180}));
 }
 
 TEST_F(GeometryTest, AlignmentMovesTheLeftEdge)
 {
-    ScanRect px{};
-    Use(2, IF_RS232C);
-    g_scanParams.colorStep = 2;
-    // Room to the right: 50 pixels become 52 in place.
-    ASSERT_EQ(ToPixels(100, 0, 50, 10, &px), 1);
-    EXPECT_EQ(px.width, 52);
-    EXPECT_EQ(px.x, 100);
-    EXPECT_EQ(g_alignShift, 0);
-    EXPECT_EQ(g_alignFailed, 0);
-    EXPECT_EQ(g_scanRectPx.width, 50);
-    // Near the right edge (720 dots at 90 dpi) the window moves left.
-    ASSERT_EQ(ToPixels(669, 0, 50, 10, &px), 1);
-    EXPECT_EQ(px.x, 668);
-    EXPECT_EQ(g_alignShift, 1);
-    ASSERT_EQ(ToPixels(670, 0, 50, 10, &px), 1);
-    EXPECT_EQ(px.x, 668);
-    EXPECT_EQ(px.width, 52);
-    EXPECT_EQ(g_alignShift, 2);
-    EXPECT_EQ(g_scanRectPx.x, 670);
-    ASSERT_EQ(ToPixels(671, 0, 49, 10, &px), 1);
-    EXPECT_EQ(px.x, 668);
-    EXPECT_EQ(g_alignShift, 3);
-    EXPECT_EQ(g_alignFailed, 0);
-    // No position fits: the width stays as asked.
-    ASSERT_EQ(ToPixels(9, 0, 709, 10, &px), 1);
-    EXPECT_EQ(g_alignFailed, 1);
-    EXPECT_EQ(g_alignShift, 0);
-    EXPECT_EQ(px.x, 9);
-    EXPECT_EQ(px.width, 709);
-    // Nibble modes round to even widths; single-pass colour and other
-    // models are never widened.
-    g_scanParams.colorStep = 3;
-    ASSERT_EQ(ToPixels(100, 0, 51, 10, &px), 1);
-    EXPECT_EQ(px.width, 52);
-    g_scanParams.colorStep = 5;
-    ASSERT_EQ(ToPixels(100, 0, 51, 10, &px), 1);
-    EXPECT_EQ(px.width, 51);
-    Use(4, IF_RS232C);
-    g_scanParams.colorStep = 2;
-    ASSERT_EQ(ToPixels(100, 0, 51, 10, &px), 1);
-    EXPECT_EQ(px.width, 51);
+    // Model 2 widens 2- and 3-step scans to an even width, moving the window
+    // left near the right edge (720 dots at 90 dpi); when no position fits,
+    // the width stays as asked. Single-pass colour and other models are never
+    // widened. The rectangle as asked is kept aside.
+    struct Case {
+        DWORD model;
+        SHORT step;
+        LONG x, w, alignedX, alignedW;
+        int shift, failed;
+    } cases[] = {
+        {2, 2, 100, 50, 100, 52, 0, 0}, {2, 2, 669, 50, 668, 52, 1, 0}, {2, 2, 670, 50, 668, 52, 2, 0},
+        {2, 2, 671, 49, 668, 52, 3, 0}, {2, 2, 9, 709, 9, 709, 0, 1},   {2, 3, 100, 51, 100, 52, 0, 0},
+        {2, 5, 100, 51, 100, 51, 0, 0}, {4, 2, 100, 51, 100, 51, 0, 0},
+    };
+    for (const Case &c : cases) {
+        SCOPED_TRACE(::testing::Message() << "model " << c.model << " step " << c.step << " x " << c.x);
+        Use(c.model, IF_RS232C);
+        g_scanParams.colorStep = c.step;
+        ScanRect px{};
+        ASSERT_EQ(ToPixels(c.x, 0, c.w, 10, &px), 1);
+        EXPECT_EQ(px.x, c.alignedX);
+        EXPECT_EQ(px.width, c.alignedW);
+        EXPECT_EQ(g_alignShift, c.shift);
+        EXPECT_EQ(g_alignFailed, c.failed);
+        EXPECT_EQ(g_scanRectPx.x, c.x);
+        EXPECT_EQ(g_scanRectPx.width, c.w);
+    }
 }
 
 TEST_F(GeometryTest, WorkedLineGeometry)
 {
-    Geo g = Compute(704, 1051);
-    EXPECT_EQ(g.width, 704u);
-    EXPECT_EQ(g.lines, 1051u);
-    EXPECT_EQ(g.raw, 88u);
-    EXPECT_EQ(g.stride, 88u);
-    EXPECT_EQ(g.total, 92488u);
+    auto all = [](const Geo &g) { return std::vector<DWORD>{g.width, g.lines, g.raw, g.stride, g.total}; };
+    EXPECT_EQ(all(Compute(704, 1051)), (std::vector<DWORD>{704, 1051, 88, 88, 92488}));
     EXPECT_EQ(g_scanTotalBytes, 92488u);
     EXPECT_EQ(g_rawLineBytes, 88u);
 
@@ -181,12 +163,7 @@ TEST_F(GeometryTest, WorkedLineGeometry)
     Use(3, IF_GPIB);
     g_scanParams.resolution = 90;
     g_scanParams.colorMode = 17;
-    Geo c = Compute(352, 576);
-    EXPECT_EQ(c.width, 352u);
-    EXPECT_EQ(c.lines, 576u);
-    EXPECT_EQ(c.raw, 44u);
-    EXPECT_EQ(c.total, 3u * 576u * 44u);
-    EXPECT_EQ(c.stride, 176u);
+    EXPECT_EQ(all(Compute(352, 576)), (std::vector<DWORD>{352, 576, 44, 176, 3 * 576 * 44}));
 }
 
 // For every model, interface, resolution and mode the raw line holds exactly

@@ -7,6 +7,7 @@
 #include "image/image.h"
 
 #include <string>
+#include <vector>
 
 class ImageBufferTest : public PlatformTest
 {
@@ -63,12 +64,10 @@ TEST_F(ImageBufferTest, DepthAndTablePerMode)
         ASSERT_EQ(Create(c.mode, c.step, &stride), 1);
         const BITMAPINFOHEADER &h = g_scanInfo->bmiHeader;
         const RGBQUAD *t = g_scanInfo->bmiColors;
-        EXPECT_EQ(h.biBitCount, c.bits);
+        EXPECT_EQ(std::vector<LONG>({h.biWidth, h.biHeight, h.biBitCount}), std::vector<LONG>({30, 5, c.bits}));
         EXPECT_EQ(h.biClrUsed, c.storedClrUsed);
         EXPECT_EQ(g_scanClrUsed, c.convClrUsed);
         EXPECT_EQ(GlobalSize(g_scanInfoMem), 40 + 4 * c.entries);
-        EXPECT_EQ(h.biWidth, 30);
-        EXPECT_EQ(h.biHeight, 5);
         EXPECT_EQ(g_scanBytes, 5 * stride);
         // The DIB section spans the whole stride.
         DIBSECTION ds{};
@@ -76,13 +75,11 @@ TEST_F(ImageBufferTest, DepthAndTablePerMode)
         EXPECT_EQ((DWORD)ds.dsBm.bmWidth, stride * 8 / c.bits);
         // The new display copy has the destination's size.
         ASSERT_NE(g_newDispInfo, nullptr);
-        EXPECT_EQ(g_newDispInfo->bmiHeader.biWidth, 288);
-        EXPECT_EQ(g_newDispInfo->bmiHeader.biHeight, 400);
-        EXPECT_EQ(g_dispWidth, 288);
+        EXPECT_EQ(std::vector<LONG>({g_newDispInfo->bmiHeader.biWidth, g_newDispInfo->bmiHeader.biHeight, g_dispWidth}),
+                  std::vector<LONG>({288, 400, 288}));
 
         if (c.mode == 0 && c.bits == 1) {
-            EXPECT_EQ(Grey(t[0]), 255);
-            EXPECT_EQ(Grey(t[1]), 0);
+            EXPECT_EQ(std::vector<int>({Grey(t[0]), Grey(t[1])}), std::vector<int>({255, 0}));
         } else if (c.mode == 0 && c.step == 2) {
             for (int i = 0; i < 4; i++)
                 EXPECT_EQ(Grey(t[i]), 85 * i);
@@ -118,12 +115,11 @@ TEST_F(ImageBufferTest, DepthAndTablePerMode)
 TEST_F(ImageBufferTest, InitialImageAndCommit)
 {
     ASSERT_EQ(ImgCreateInitialImages(), 1);
-    EXPECT_EQ(g_imageBytes, 4u);
-    EXPECT_EQ(g_dispWidth, 32);
-    EXPECT_EQ(g_imageInfo->bmiHeader.biWidth, 32);
-    EXPECT_EQ(g_imageInfo->bmiHeader.biBitCount, 1);
-    EXPECT_EQ(Grey(g_imageInfo->bmiColors[0]), 0);
-    EXPECT_EQ(Grey(g_imageInfo->bmiColors[1]), 255);
+    const BITMAPINFOHEADER &h = g_imageInfo->bmiHeader;
+    EXPECT_EQ(std::vector<LONG>({LONG(g_imageBytes), g_dispWidth, h.biWidth, h.biBitCount}),
+              std::vector<LONG>({4, 32, 32, 1}));
+    EXPECT_EQ(std::vector<int>({Grey(g_imageInfo->bmiColors[0]), Grey(g_imageInfo->bmiColors[1])}),
+              std::vector<int>({0, 255}));
     BYTE info[40 + 8] = {};
     *(BITMAPINFOHEADER *)info = g_imageInfo->bmiHeader;
     BYTE row[4] = {};
@@ -139,12 +135,8 @@ TEST_F(ImageBufferTest, InitialImageAndCommit)
     DWORD bytes = g_scanBytes;
     ImgFreeScanBuffers(1);
     ImgCommitScan();
-    EXPECT_EQ(g_imageInfo, newInfo);
-    EXPECT_EQ(g_imageDC, newDC);
-    EXPECT_EQ(g_dispDC, newDisp);
-    EXPECT_EQ(g_imageBytes, bytes);
-    EXPECT_EQ(g_scanInfo, nullptr);
-    EXPECT_EQ(g_newDispDC, nullptr);
+    EXPECT_TRUE(g_imageInfo == newInfo && g_imageDC == newDC && g_dispDC == newDisp && g_imageBytes == bytes);
+    EXPECT_TRUE(g_scanInfo == nullptr && g_newDispDC == nullptr);
     // The old slots are gone: as many objects live as before the scan.
     EXPECT_EQ(tamrix_test::LiveCountDifferences(before), "");
 }
@@ -185,13 +177,8 @@ TEST_F(ImageBufferTest, EveryFailureReleasesEverything)
                 EXPECT_EQ(Create(mode, 2), 0);
                 PlatClearFaults();
                 EXPECT_EQ(tamrix_test::LiveCountDifferences(before), "");
-                EXPECT_EQ(g_scanInfo, nullptr);
-                EXPECT_EQ(g_newDispInfo, nullptr);
-                EXPECT_EQ(g_rawLine, nullptr);
-                EXPECT_EQ(g_dibLine, nullptr);
-                EXPECT_EQ(g_imageDC, imageDC);
-                EXPECT_EQ(g_imageInfo, imageInfo);
-                EXPECT_EQ(g_dispDC, dispDC);
+                EXPECT_TRUE(!g_scanInfo && !g_newDispInfo && !g_rawLine && !g_dibLine) << "a slot left set";
+                EXPECT_TRUE(g_imageDC == imageDC && g_imageInfo == imageInfo && g_dispDC == dispDC) << "image changed";
                 injected++;
             }
         }
