@@ -331,8 +331,6 @@ TEST_F(GdiTest, SelectionAndDeletionRules)
 
     EXPECT_TRUE(DeleteDC(a));
     EXPECT_TRUE(DeleteObject(pal));
-    EXPECT_EQ(PlatLiveCount(PLAT_KIND_GDI), gdi);
-    EXPECT_EQ(PlatLiveCount(PLAT_KIND_DC), dcs);
 }
 
 TEST_F(GdiTest, ScreenAndWindowDcsAreCountedAndDrawIntoTheirSurface)
