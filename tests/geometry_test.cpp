@@ -171,39 +171,32 @@ TEST_F(GeometryTest, WorkedLineGeometry)
 // DIB row in whole 32-bit words.
 TEST_F(GeometryTest, BytesFollowThePacking)
 {
-    struct ModeCase {
-        SHORT colorMode;
-        DWORD model; // 0: every model
-    };
-    const ModeCase modes[] = {{0, 0}, {16, 4}, {16, 5}, {17, 3}};
+    // Colour modes with the model they apply to (0: every model).
+    const std::pair<SHORT, DWORD> modes[] = {{0, 0}, {16, 4}, {16, 5}, {17, 3}};
     int checked = 0;
-    for (const ModeCase &mc : modes) {
-        for (DWORD model = 1; model <= 7; model++) {
-            if (mc.model != 0 && mc.model != model)
-                continue;
-            for (DWORD iface = IF_SCSI; iface <= IF_GPIB; iface++) {
-                Use(model, iface);
-                for (SHORT res : {50, 90, 200, 300, 400, 600}) {
-                    for (SHORT step : {1, 2, 3, 4, 5, 6, 7, 8, 16}) {
+    for (auto [mode, only] : modes)
+        for (DWORD model = 1; model <= 7; model++)
+            for (DWORD iface = IF_SCSI; iface <= IF_GPIB && (!only || only == model); iface++)
+                for (SHORT res : {50, 90, 200, 300, 400, 600})
+                    for (SHORT step : {1, 2, 3, 4, 5, 6, 7, 8, 16})
                         for (SHORT w : {1, 7, 33, 350}) {
+                            Use(model, iface);
                             g_scanParams.resolution = res;
-                            g_scanParams.colorMode = mc.colorMode;
+                            g_scanParams.colorMode = mode;
                             g_scanParams.colorStep = step;
                             Geo g = Compute(w, 11);
-                            int bits = step == 16 ? 1 : step;
+                            DWORD bits = step == 16 ? 1 : step, colours = mode ? 3 * bits : bits;
                             // Bits per pixel on the wire and in the DIB.
-                            int wire, dib;
-                            if (mc.colorMode == 16) {
-                                wire = bits == 1 ? 4 : 24;
-                                dib = bits == 1 ? 4 : bits == 2 ? 8 : 24;
-                            } else {
-                                wire = bits == 1 ? 1 : bits == 2 ? 2 : bits <= 4 ? 4 : 8;
-                                int colours = mc.colorMode ? 3 * bits : bits;
-                                dib = colours == 1 ? 1 : colours <= 4 ? 4 : colours <= 8 ? 8 : 24;
-                            }
-                            SCOPED_TRACE(::testing::Message()
-                                         << "model " << model << " if " << iface << " res " << res << " mode "
-                                         << mc.colorMode << " step " << step << " area " << w);
+                            DWORD wire = mode == 16 ? (bits == 1 ? 4 : 24) : bits <= 2 ? bits : bits <= 4 ? 4 : 8;
+                            DWORD dib = mode == 16     ? (bits == 1   ? 4
+                                                          : bits == 2 ? 8
+                                                                      : 24)
+                                        : colours == 1 ? 1
+                                        : colours <= 4 ? 4
+                                        : colours <= 8 ? 8
+                                                       : 24;
+                            SCOPED_TRACE(::testing::Message() << "model " << model << " if " << iface << " res " << res
+                                                              << " mode " << mode << " step " << step << " area " << w);
                             if (model != 7) {
                                 ASSERT_GT(g.width, 0u);
                             }
@@ -211,15 +204,10 @@ TEST_F(GeometryTest, BytesFollowThePacking)
                             EXPECT_EQ(g.stride % 4, 0u);
                             EXPECT_GE(g.stride * 8, g.width * dib);
                             EXPECT_LT(g.stride * 8, g.width * dib + 32);
-                            EXPECT_EQ(g.total, g.lines * g.raw * (mc.colorMode == 17 ? 3 : 1));
+                            EXPECT_EQ(g.total, g.lines * g.raw * (mode == 17 ? 3 : 1));
                             EXPECT_LE(g.width, (DWORD)w + 1);
                             checked++;
                         }
-                    }
-                }
-            }
-        }
-    }
     EXPECT_GT(checked, 3000);
 }
 

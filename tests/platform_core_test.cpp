@@ -22,20 +22,14 @@ long long WallMsSince(WallClock::time_point start)
     return std::chrono::duration_cast<std::chrono::milliseconds>(WallClock::now() - start).count();
 }
 
-class VirtualClockTest : public PlatformTest
-{
-protected:
-    void SetUp() override
-    {
-        PlatformTest::SetUp();
-        UseVirtualClock();
-    }
-};
+// Every test of this suite runs on the virtual clock.
+using VirtualClockTest = PlatformTest;
 
 } // namespace
 
 TEST_F(VirtualClockTest, LongSleepAndPollLoopTakeVirtualTimeOnly)
 {
+    UseVirtualClock();
     auto wall = WallClock::now();
     DWORD before = GetTickCount();
     Sleep(9000);
@@ -63,6 +57,7 @@ TEST_F(PlatformTest, RealClockSleepsForReal)
 
 TEST_F(VirtualClockTest, TimedWaitSatisfiedByShorterSleeperTimesOutOnLongerOne)
 {
+    UseVirtualClock();
     for (DWORD setterSleep : {1000u, 8000u}) {
         HANDLE event = CreateEventW(nullptr, TRUE, FALSE, nullptr);
         ASSERT_NE(event, nullptr);
@@ -91,6 +86,7 @@ TEST_F(VirtualClockTest, TimedWaitSatisfiedByShorterSleeperTimesOutOnLongerOne)
 
 TEST_F(VirtualClockTest, ThreadBlockedOnCriticalSectionDoesNotHoldTheClock)
 {
+    UseVirtualClock();
     CRITICAL_SECTION cs;
     InitializeCriticalSection(&cs);
     EnterCriticalSection(&cs);
@@ -114,6 +110,7 @@ TEST_F(VirtualClockTest, ThreadBlockedOnCriticalSectionDoesNotHoldTheClock)
 
 TEST_F(VirtualClockTest, ForeignThreadHoldsTheClockUnlessInExternalWait)
 {
+    UseVirtualClock();
     std::promise<void> release;
     std::promise<DWORD> registered;
     std::thread foreign([&] {
