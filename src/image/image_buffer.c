@@ -306,7 +306,10 @@ int ImgCreateScanBuffers(DWORD rawBytes, DWORD stride, DWORD widthPx, DWORD line
         goto fail;
     g_rawLine = p;
     p = NULL;
-    if (!ImgAllocLocked(stride, &g_dibLineMem, &p))
+    /* The three-pass conversion of 4-bit samples fills pixels in pairs: at
+       an odd width it writes one 24-bit pixel past the last, which can lie
+       beyond the stride. */
+    if (!ImgAllocLocked(stride + 3, &g_dibLineMem, &p))
         goto fail;
     g_dibLine = p;
     p = NULL;
