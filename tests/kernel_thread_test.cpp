@@ -2,6 +2,8 @@
 #include "support/platform_fixture.h"
 
 #include <atomic>
+#include <chrono>
+#include <thread>
 
 using tamrix_test::PlatformThread;
 
@@ -185,4 +187,30 @@ TEST_F(ThreadTest, TimedJoinSeesTheThreadEndBeforeItsDeadline)
         EXPECT_EQ(worker.Join(10000), 7u) << "round " << round;
         EXPECT_LT(GetTickCount() - start, 10000u);
     }
+}
+
+TEST_F(ThreadTest, CreatorHoldsTheClockBeforeItFirstWaits)
+{
+    // A thread that has only created another one, and never waited yet,
+    // still counts as running: the new thread's long sleep must not end at
+    // once. This thread stays out of the count while it joins.
+    PlatBeginExternalWait();
+    DWORD code = 0;
+    std::thread creator([&code] {
+        HANDLE sleeper = CreateThread(
+            nullptr, 0,
+            [](LPVOID) -> DWORD {
+                Sleep(100000);
+                return 1;
+            },
+            nullptr, 0, nullptr);
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        GetExitCodeThread(sleeper, &code);
+        TerminateThread(sleeper, 2);
+        WaitForSingleObject(sleeper, INFINITE);
+        CloseHandle(sleeper);
+    });
+    creator.join();
+    PlatEndExternalWait();
+    EXPECT_EQ(code, STILL_ACTIVE);
 }

@@ -108,6 +108,10 @@ HANDLE WINAPI CreateThread(LPSECURITY_ATTRIBUTES, SIZE_T stackSize, LPTHREAD_STA
         plat::SetError(ERROR_INVALID_PARAMETER);
         return nullptr;
     }
+    // The creator counts as running from here on, even if it has never
+    // waited on anything: otherwise the new thread's first timed wait could
+    // run the virtual clock out before the creator gets to look at it.
+    plat::CurrentThread();
     auto object = std::make_shared<ThreadObject>();
     object->state = plat::RegisterNewThread();
     object->suspendCount = (flags & CREATE_SUSPENDED) ? 1 : 0;
