@@ -1,0 +1,106 @@
+// The driver's command layer as an application reaches it: command strings
+// through WINMM to the real tamrix.so. Opening needs a scanner, so the open
+// and close messages alone are answered in front of the driver; every other
+// command reaches the driver's dispatcher.
+#include "../platform/src/winmm.h"
+#include "support/platform_fixture.h"
+
+#include <mmsystem.h>
+
+#include <filesystem>
+#include <string>
+
+namespace
+{
+
+bool AnswerOpenAndClose(HDRVR, UINT msg, LPARAM, LPARAM, LRESULT &result)
+{
+    result = 0;
+    return msg == MCI_OPEN_DRIVER || msg == MCI_CLOSE_DRIVER;
+}
+
+LRESULT CALLBACK PlainProc(HWND w, UINT m, WPARAM wp, LPARAM lp)
+{
+    return DefWindowProcW(w, m, wp, lp);
+}
+
+class DriverStringsTest : public PlatformTest
+{
+protected:
+    void SetUp() override
+    {
+        PlatformTest::SetUp();
+        char tmpl[] = "/tmp/driver_strings_XXXXXX";
+        ASSERT_NE(mkdtemp(tmpl), nullptr);
+        dir_ = tmpl;
+        PlatSetWindowsDirectory(dir_.c_str());
+        WritePrivateProfileStringW(TEXT("MCI32"), TEXT("Scanner"), TEXT("TAMRIX.DLL"), TEXT("system.ini"));
+        mm::SetDriverHook(AnswerOpenAndClose);
+        WNDCLASSW wc{};
+        wc.lpfnWndProc = PlainProc;
+        wc.lpszClassName = u"DriverStringsTest";
+        ASSERT_NE(RegisterClassW(&wc), 0);
+        wnd_ = CreateWindowExW(0, u"DriverStringsTest", u"", 0, 0, 0, 0, 0, nullptr, nullptr, nullptr, nullptr);
+        ASSERT_EQ(Send(u"open scanner alias s wait"), 0u);
+    }
+    void TearDown() override
+    {
+        EXPECT_EQ(Send(u"close s wait"), 0u);
+        DestroyWindow(wnd_);
+        UnregisterClassW(u"DriverStringsTest", nullptr);
+        mm::SetDriverHook(nullptr);
+        PlatSetWindowsDirectory(nullptr);
+        std::filesystem::remove_all(dir_);
+        PlatformTest::TearDown();
+    }
+    DWORD Send(const char16_t *cmd, HWND callback = nullptr)
+    {
+        ret_[0] = 0;
+        return mciSendStringW(cmd, ret_, 64, callback);
+    }
+    // Codes of the MM_MCINOTIFY messages waiting for `wnd`.
+    std::u16string Notifications(HWND wnd)
+    {
+        std::u16string codes;
+        MSG msg;
+        while (PeekMessageW(&msg, wnd, MM_MCINOTIFY, MM_MCINOTIFY, PM_REMOVE))
+            codes += char16_t(u'0' + msg.wParam);
+        return codes;
+    }
+    std::string dir_;
+    HWND wnd_ = nullptr;
+    WCHAR ret_[64];
+};
+
+TEST_F(DriverStringsTest, DispatcherChecksAndRoutingFromCommandStrings)
+{
+    EXPECT_EQ(Send(u"status s ready"), DWORD(MCIERR_MISSING_PARAMETER));
+    EXPECT_EQ(Send(u"status s ready notify wait", wnd_), DWORD(MCIERR_FLAGS_NOT_COMPATIBLE));
+    EXPECT_EQ(Send(u"info s wait"), DWORD(MCIERR_MISSING_PARAMETER));
+    EXPECT_EQ(Send(u"info s product wait"), 0u);
+    EXPECT_TRUE(std::u16string(ret_) == u"Ｋｏｒｖａｎｅ　イメージスキャナ");
+    // Handlers still to come answer "unsupported".
+    EXPECT_EQ(Send(u"scanread s wait"), DWORD(MCIERR_UNSUPPORTED_FUNCTION));
+    // A keyword the table does not have never reaches the driver.
+    EXPECT_EQ(Send(u"set s time format inch wait"), DWORD(MCIERR_UNRECOGNIZED_COMMAND));
+}
+
+TEST_F(DriverStringsTest, CapabilityWithWaitAndWithNotify)
+{
+    EXPECT_EQ(Send(u"capability s device type wait"), 0u);
+    EXPECT_TRUE(std::u16string(ret_) == u"scanner");
+    EXPECT_EQ(Send(u"capability s can save wait"), 0u);
+    EXPECT_TRUE(std::u16string(ret_) == u"1");
+    EXPECT_EQ(Send(u"capability s has video wait"), 0u);
+    EXPECT_TRUE(std::u16string(ret_) == u"0");
+
+    EXPECT_EQ(Send(u"capability s can save notify", wnd_), 0u);
+    EXPECT_TRUE(Notifications(wnd_) == u"1") << "one MCI_NOTIFY_SUCCESSFUL";
+
+    // A notify to a window that is gone is refused before any handler runs.
+    HWND gone = CreateWindowExW(0, u"DriverStringsTest", u"", 0, 0, 0, 0, 0, nullptr, nullptr, nullptr, nullptr);
+    DestroyWindow(gone);
+    EXPECT_EQ(Send(u"capability s can save notify", gone), DWORD(MCIERR_MISSING_PARAMETER));
+}
+
+} // namespace
