@@ -61,6 +61,10 @@ TEST_F(ConversionTest, LevelsWidenToFullScale)
     EXPECT_EQ(ImgExpandLevel(63 << 2, 2), 255);
     EXPECT_EQ(ImgExpandLevel(62 << 2, 2), 248);
     EXPECT_EQ(ImgExpandLevel(0x9C, 0), 0x9C);
+    // Other shifts only drop the low bits; nothing is left after 8 or more.
+    EXPECT_EQ(ImgExpandLevel(0xC0, 6), 3);
+    EXPECT_EQ(ImgExpandLevel(0xFF, 8), 0);
+    EXPECT_EQ(ImgExpandLevel(0xFF, 33), 0);
 }
 
 TEST_F(ConversionTest, PackedLevelsAndPasses)
@@ -109,6 +113,13 @@ TEST_F(ConversionTest, PackedLevelsAndPasses)
             for (BYTE b : row5)
                 EXPECT_EQ(b, 0x5A);
         }
+    }
+    // Grey without a byte packing (no depth, or deeper than a byte) likewise.
+    for (WORD depth : {0, 24}) {
+        h = Header(8, depth, 0);
+        EXPECT_EQ(ImgConvertLine(raw4, row5.data(), 1, &h, 0, 0, 0), 1);
+        for (BYTE b : row5)
+            EXPECT_EQ(b, 0x5A) << "depth " << depth;
     }
 }
 

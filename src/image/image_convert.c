@@ -10,7 +10,10 @@
 /* Widens the (8 - shift)-bit level held in the top bits of value to 8 bits. */
 BYTE ImgExpandLevel(BYTE value, int shift)
 {
-    BYTE v = (BYTE)(value >> shift);
+    /* Shifting by the width of an int or more is undefined in C: a shift of
+       a byte or more leaves nothing of the value, a negative one takes it
+       as it is. */
+    BYTE v = shift < 0 ? value : shift < 8 ? (BYTE)(value >> shift) : 0;
     BYTE out;
 
     switch (shift) {
@@ -71,9 +74,11 @@ static void ImgConvertMono(const BYTE *raw, BYTE *row, const BITMAPINFOHEADER *h
     LONG i;
 
     if (header->biClrUsed == 0) {
-        /* The scanner's packing is the DIB's. */
-        LONG perByte = 8 / (LONG)header->biBitCount;
-        ImgCopyBytes(row, raw, (width + perByte - 1) / perByte);
+        /* The scanner's packing is the DIB's. A grey header deeper than a
+           byte per pixel has no such packing and leaves the row alone. */
+        LONG perByte = header->biBitCount == 0 ? 0 : 8 / (LONG)header->biBitCount;
+        if (perByte > 0)
+            ImgCopyBytes(row, raw, (width + perByte - 1) / perByte);
     } else if (header->biClrUsed == 4) {
         /* Four 2-bit levels per raw byte become four nibbles of value 0..3. */
         LONG count = (width + 3) / 4;
