@@ -75,11 +75,14 @@ TEST_F(GeometryTest, RectanglesAgainstModelAreas)
         {3, GPIB, UNIT_DOT, 0, 0, 379, 100, 0},
         {7, GPIB, UNIT_DOT, 0, 0, 3, 100, 1},
         {7, GPIB, UNIT_DOT, 0, 0, 2, 100, 0},
-        // Undefined models and interfaces are refused.
+        // Undefined models are refused, and so are models 1, 2, 4 on an
+        // undefined interface; the other models' areas hold on any.
         {0, RS, UNIT_DOT, 9, 0, 100, 100, 0},
         {8, RS, UNIT_DOT, 9, 0, 100, 100, 0},
         {1, 0, UNIT_DOT, 9, 0, 100, 100, 0},
-        {5, 4, UNIT_DOT, 9, 0, 100, 100, 0},
+        {4, 4, UNIT_DOT, 9, 0, 100, 100, 0},
+        {5, 4, UNIT_DOT, 9, 0, 100, 100, 1},
+        {3, 0, UNIT_DOT, 0, 0, 352, 576, 1},
     };
     ScanRect px{};
     for (const Case &c : cases) {

@@ -29,12 +29,13 @@ static int ImgGetAreaLimits(DWORD model, DWORD interfaceType, ImgAreaLimits *lim
     static const ImgAreaLimits large = {0, 85000, 116900, 0, 0};
     static const ImgAreaLimits polled = {0, 82600, 116900, 332, 332};
 
-    if (interfaceType < IF_SCSI || interfaceType > IF_GPIB)
-        return 0;
     switch (model) {
     case 1:
     case 2:
     case 4:
+        /* Only these models' lengths depend on the interface. */
+        if (interfaceType < IF_SCSI || interfaceType > IF_GPIB)
+            return 0;
         *limits = interfaceType == IF_SCSI ? wideScsi : wideSerial;
         return 1;
     case 3:
