@@ -20,7 +20,8 @@
 #include <string>
 #include <vector>
 
-namespace plat {
+namespace plat
+{
 
 enum class Kind : int {
     Global = PLAT_KIND_GLOBAL,
@@ -40,7 +41,8 @@ enum class Kind : int {
 // Base of every object behind a handle. The live count of its kind goes up in
 // the constructor and down in the destructor, so an object kept alive by a
 // forgotten reference shows up as a leak.
-class Object {
+class Object
+{
 public:
     explicit Object(Kind kind);
     virtual ~Object();
@@ -79,7 +81,10 @@ template <class T> std::shared_ptr<T> Find(const void *handle)
 }
 // Removes a handle from the table; returns the object (null if absent).
 std::shared_ptr<Object> RemoveHandle(uintptr_t handle);
-template <class H> H ToHandle(uintptr_t value) { return reinterpret_cast<H>(value); }
+template <class H> H ToHandle(uintptr_t value)
+{
+    return reinterpret_cast<H>(value);
+}
 
 // ---- Fault injection -----------------------------------------------------
 // Registers `api` as injectable (done once per API by the PLAT_INJECTABLE
@@ -89,8 +94,7 @@ bool RegisterInjectable(const char *api);
 // setting the last error to the configured code or `defaultError`.
 bool ShouldFail(const char *api, DWORD defaultError);
 
-#define PLAT_INJECTABLE(api) \
-    static const bool plat_injectable_##api [[maybe_unused]] = ::plat::RegisterInjectable(#api)
+#define PLAT_INJECTABLE(api) static const bool plat_injectable_##api [[maybe_unused]] = ::plat::RegisterInjectable(#api)
 // Use at the top of an injectable API: `if (PLAT_FAIL(GlobalAlloc, ERROR_NOT_ENOUGH_MEMORY)) return nullptr;`
 #define PLAT_FAIL(api, defaultError) ::plat::ShouldFail(#api, (defaultError))
 
@@ -100,7 +104,10 @@ void SetError(DWORD code);
 // ---- World lock, waiting and the clock -----------------------------------
 std::mutex &WorldMutex();
 using Lock = std::unique_lock<std::mutex>;
-inline Lock LockWorld() { return Lock(WorldMutex()); }
+inline Lock LockWorld()
+{
+    return Lock(WorldMutex());
+}
 // Wakes every waiter so it re-checks its condition. Call with or without the
 // world lock held, after changing state under it.
 void WakeAll();

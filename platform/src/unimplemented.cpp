@@ -11,7 +11,8 @@
 
 extern "C" void SetLastError(uint32_t code);
 
-namespace {
+namespace
+{
 uintptr_t Unimplemented(const char *name)
 {
     std::fprintf(stderr, "platform: %s is not implemented\n", name);
@@ -20,10 +21,10 @@ uintptr_t Unimplemented(const char *name)
 }
 } // namespace
 
-#define PLAT_UNIMPLEMENTED(name)                                                         \
-    extern "C" __attribute__((weak, visibility("default"))) uintptr_t name()             \
-    {                                                                                    \
-        return Unimplemented(#name);                                                     \
+#define PLAT_UNIMPLEMENTED(name)                                                                                       \
+    extern "C" __attribute__((weak, visibility("default"))) uintptr_t name()                                           \
+    {                                                                                                                  \
+        return Unimplemented(#name);                                                                                   \
     }
 
 PLAT_UNIMPLEMENTED(BeginPaint)

@@ -187,8 +187,8 @@ WINGDIAPI int WINAPI SetStretchBltMode(HDC dc, int mode);
 WINGDIAPI int WINAPI GetStretchBltMode(HDC dc);
 WINGDIAPI int WINAPI GetDIBits(HDC dc, HBITMAP bitmap, UINT start, UINT lines, LPVOID bits, LPBITMAPINFO info,
                                UINT usage);
-WINGDIAPI int WINAPI SetDIBits(HDC dc, HBITMAP bitmap, UINT start, UINT lines, const void *bits,
-                               const BITMAPINFO *info, UINT usage);
+WINGDIAPI int WINAPI SetDIBits(HDC dc, HBITMAP bitmap, UINT start, UINT lines, const void *bits, const BITMAPINFO *info,
+                               UINT usage);
 WINGDIAPI int WINAPI StretchDIBits(HDC dc, int x, int y, int width, int height, int srcX, int srcY, int srcWidth,
                                    int srcHeight, const void *bits, const BITMAPINFO *info, UINT usage, DWORD rop);
 WINGDIAPI int WINAPI SetDIBitsToDevice(HDC dc, int x, int y, DWORD width, DWORD height, int srcX, int srcY,

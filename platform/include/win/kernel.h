@@ -139,8 +139,8 @@ WINBASEAPI UINT WINAPI GetProfileIntW(LPCWSTR app, LPCWSTR key, INT defaultValue
 WINBASEAPI DWORD WINAPI GetProfileStringW(LPCWSTR app, LPCWSTR key, LPCWSTR defaultValue, LPWSTR out, DWORD size);
 WINBASEAPI BOOL WINAPI WriteProfileStringW(LPCWSTR app, LPCWSTR key, LPCWSTR value);
 WINBASEAPI UINT WINAPI GetPrivateProfileIntW(LPCWSTR app, LPCWSTR key, INT defaultValue, LPCWSTR file);
-WINBASEAPI DWORD WINAPI GetPrivateProfileStringW(LPCWSTR app, LPCWSTR key, LPCWSTR defaultValue, LPWSTR out,
-                                                 DWORD size, LPCWSTR file);
+WINBASEAPI DWORD WINAPI GetPrivateProfileStringW(LPCWSTR app, LPCWSTR key, LPCWSTR defaultValue, LPWSTR out, DWORD size,
+                                                 LPCWSTR file);
 WINBASEAPI BOOL WINAPI WritePrivateProfileStringW(LPCWSTR app, LPCWSTR key, LPCWSTR value, LPCWSTR file);
 WINBASEAPI UINT WINAPI GetWindowsDirectoryW(LPWSTR buffer, UINT size);
 
@@ -170,8 +170,7 @@ WINBASEAPI UINT WINAPI GetWindowsDirectoryW(LPWSTR buffer, UINT size);
 WINBASEAPI HANDLE WINAPI CreateFileW(LPCWSTR fileName, DWORD access, DWORD shareMode, LPSECURITY_ATTRIBUTES sa,
                                      DWORD disposition, DWORD flags, HANDLE templateFile);
 WINBASEAPI BOOL WINAPI ReadFile(HANDLE file, LPVOID buffer, DWORD toRead, LPDWORD read, LPOVERLAPPED overlapped);
-WINBASEAPI BOOL WINAPI WriteFile(HANDLE file, LPCVOID buffer, DWORD toWrite, LPDWORD written,
-                                 LPOVERLAPPED overlapped);
+WINBASEAPI BOOL WINAPI WriteFile(HANDLE file, LPCVOID buffer, DWORD toWrite, LPDWORD written, LPOVERLAPPED overlapped);
 WINBASEAPI BOOL WINAPI DeleteFileW(LPCWSTR fileName);
 WINBASEAPI DWORD WINAPI SetFilePointer(HANDLE file, LONG distance, PLONG distanceHigh, DWORD method);
 WINBASEAPI DWORD WINAPI GetFileSize(HANDLE file, LPDWORD sizeHigh);
@@ -284,10 +283,9 @@ WINBASEAPI int WINAPIV wsprintfW(LPWSTR out, LPCWSTR format, ...);
 
 #define CP_ACP 0
 #define CP_UTF8 65001
-WINBASEAPI int WINAPI MultiByteToWideChar(UINT codePage, DWORD flags, LPCSTR src, int srcLen, LPWSTR dst,
-                                          int dstLen);
-WINBASEAPI int WINAPI WideCharToMultiByte(UINT codePage, DWORD flags, LPCWSTR src, int srcLen, LPSTR dst,
-                                          int dstLen, LPCSTR defaultChar, LPBOOL usedDefault);
+WINBASEAPI int WINAPI MultiByteToWideChar(UINT codePage, DWORD flags, LPCSTR src, int srcLen, LPWSTR dst, int dstLen);
+WINBASEAPI int WINAPI WideCharToMultiByte(UINT codePage, DWORD flags, LPCWSTR src, int srcLen, LPSTR dst, int dstLen,
+                                          LPCSTR defaultChar, LPBOOL usedDefault);
 
 TAMRIX_EXTERN_C_END
 

@@ -121,8 +121,7 @@ typedef struct {
 #define WS_TABSTOP 0x00010000u
 #define WS_MINIMIZEBOX 0x00020000u
 #define WS_MAXIMIZEBOX 0x00010000u
-#define WS_OVERLAPPEDWINDOW \
-    (WS_OVERLAPPED | WS_CAPTION | WS_SYSMENU | WS_THICKFRAME | WS_MINIMIZEBOX | WS_MAXIMIZEBOX)
+#define WS_OVERLAPPEDWINDOW (WS_OVERLAPPED | WS_CAPTION | WS_SYSMENU | WS_THICKFRAME | WS_MINIMIZEBOX | WS_MAXIMIZEBOX)
 #define WS_POPUPWINDOW (WS_POPUP | WS_BORDER | WS_SYSMENU)
 #define WS_EX_DLGMODALFRAME 0x00000001u
 #define WS_EX_TOPMOST 0x00000008u
@@ -468,10 +467,10 @@ WINUSERAPI BOOL WINAPI UnregisterClassW(LPCWSTR className, HINSTANCE instance);
 WINUSERAPI BOOL WINAPI GetClassInfoW(HINSTANCE instance, LPCWSTR className, LPWNDCLASSW wc);
 
 /* Windows */
-WINUSERAPI HWND WINAPI CreateWindowExW(DWORD exStyle, LPCWSTR className, LPCWSTR windowName, DWORD style, int x,
-                                       int y, int width, int height, HWND parent, HMENU menu, HINSTANCE instance,
+WINUSERAPI HWND WINAPI CreateWindowExW(DWORD exStyle, LPCWSTR className, LPCWSTR windowName, DWORD style, int x, int y,
+                                       int width, int height, HWND parent, HMENU menu, HINSTANCE instance,
                                        LPVOID param);
-#define CreateWindowW(cls, name, style, x, y, w, h, parent, menu, inst, param) \
+#define CreateWindowW(cls, name, style, x, y, w, h, parent, menu, inst, param)                                         \
     CreateWindowExW(0, cls, name, style, x, y, w, h, parent, menu, inst, param)
 WINUSERAPI BOOL WINAPI DestroyWindow(HWND wnd);
 WINUSERAPI BOOL WINAPI IsWindow(HWND wnd);
@@ -525,8 +524,8 @@ WINUSERAPI void WINAPI PostQuitMessage(int exitCode);
 WINUSERAPI BOOL WINAPI WaitMessage(void);
 WINUSERAPI BOOL WINAPI InSendMessage(void);
 WINUSERAPI DWORD WINAPI GetMessageTime(void);
-WINUSERAPI DWORD WINAPI MsgWaitForMultipleObjects(DWORD count, const HANDLE *handles, BOOL waitAll,
-                                                  DWORD milliseconds, DWORD wakeMask);
+WINUSERAPI DWORD WINAPI MsgWaitForMultipleObjects(DWORD count, const HANDLE *handles, BOOL waitAll, DWORD milliseconds,
+                                                  DWORD wakeMask);
 #define QS_ALLINPUT 0x04FFu
 
 /* Timers */
