@@ -2,13 +2,11 @@
 // sees them, the exact header fields, error mapping and cleanup on every
 // failure, and cancel requests.
 #include "driver_fixture.h"
-
-#include "display/display_rects.h"
-#include "image/image.h"
+#include "support/image_fixture.h"
 
 #include <cstdio>
-#include <cstdlib>
 #include <fstream>
+#include <functional>
 #include <iterator>
 #include <set>
 #include <sstream>
@@ -97,9 +95,6 @@ protected:
     void SetUp() override
     {
         DriverTest::SetUp();
-        char tmpl[] = "/tmp/tamrix_bmp_XXXXXX";
-        ASSERT_NE(mkdtemp(tmpl), nullptr);
-        dir_ = tmpl;
         g_settings.model = 4;
         g_settings.interfaceType = IF_RS232C;
         g_targetWnd = nullptr;
@@ -110,28 +105,18 @@ protected:
     void TearDown() override
     {
         ImgFreeImages();
-        std::string cmd = "rm -rf '" + dir_ + "'";
-        if (system(cmd.c_str()) != 0)
-            ADD_FAILURE() << "could not remove " << dir_;
         DriverTest::TearDown();
     }
 
     // Scans a width x height picture in the given mode into a new current
     // image, with a pattern that uses many levels.
-    void MakeImage(SHORT colorMode, SHORT colorStep, int width, int height)
+    static void MakeImage(SHORT colorMode, SHORT colorStep, int width, int height)
     {
-        g_scanParams = ScanParams{};
-        g_scanParams.resolution = 90;
-        g_scanParams.colorMode = colorMode;
-        g_scanParams.colorStep = colorStep;
-        g_scanParams.areaWidth = (SHORT)width;
-        g_scanParams.areaLength = (SHORT)height;
         g_alignShift = g_alignFailed = 0;
-        DWORD raw, stride, w, h;
-        ImgComputeGeometry(&g_scanParams, &raw, &stride, &w, &h);
-        ASSERT_EQ(ImgCreateScanBuffers(raw, stride, w, h), 1);
+        DWORD raw;
+        ASSERT_EQ(tamrix_test::BeginScan(colorMode, colorStep, width, height, &raw), 1);
         ImgStoreLine(0);
-        for (DWORD y = 0; y < h; y++) {
+        for (int y = 0; y < height; y++) {
             for (DWORD i = 0; i < raw; i++)
                 g_rawLine[i] = (BYTE)(i * 37 + y * 101 + (i * i) / 5);
             ImgStoreLine(1);
@@ -143,36 +128,18 @@ protected:
     // Every pixel of the current image as the DIB and its table say.
     static std::vector<int> ImagePixels()
     {
-        BITMAPINFOHEADER hdr = g_imageInfo->bmiHeader;
-        DWORD stride = ((hdr.biBitCount * hdr.biWidth + 31) / 32) * 4;
-        std::vector<BYTE> info(40 + 1024);
-        *(BITMAPINFOHEADER *)info.data() = hdr;
-        std::vector<BYTE> bits(stride * hdr.biHeight);
-        EXPECT_EQ(GetDIBits(g_imageDC, g_imageBitmap, 0, hdr.biHeight, bits.data(), (BITMAPINFO *)info.data(),
-                            DIB_RGB_COLORS),
-                  hdr.biHeight);
-        RGBQUAD table[256] = {};
-        if (hdr.biBitCount <= 8)
-            GetDIBColorTable(g_imageDC, 0, 256, table);
-        std::vector<int> out{hdr.biWidth, hdr.biHeight};
-        for (LONG y = 0; y < hdr.biHeight; y++) {
-            const BYTE *row = bits.data() + (size_t)(hdr.biHeight - 1 - y) * stride;
-            for (LONG x = 0; x < hdr.biWidth; x++) {
-                if (hdr.biBitCount == 24) {
-                    out.insert(out.end(), {row[3 * x + 2], row[3 * x + 1], row[3 * x]});
-                } else {
-                    int perByte = 8 / hdr.biBitCount;
-                    int idx =
-                        (row[x / perByte] >> (8 - hdr.biBitCount * (x % perByte + 1))) & ((1 << hdr.biBitCount) - 1);
-                    out.insert(out.end(), {table[idx].rgbRed, table[idx].rgbGreen, table[idx].rgbBlue});
-                }
+        tamrix_test::DibRows dib = tamrix_test::ReadDib(g_imageDC, g_imageBitmap, g_imageInfo->bmiHeader);
+        std::vector<int> out{dib.hdr.biWidth, dib.hdr.biHeight};
+        for (int y = 0; y < dib.hdr.biHeight; y++)
+            for (int x = 0; x < dib.hdr.biWidth; x++) {
+                std::array<int, 3> rgb = dib.Rgb(x, y);
+                out.insert(out.end(), rgb.begin(), rgb.end());
             }
-        }
         return out;
     }
 
-    // Runs the save thread on `path` and returns its result.
-    LONG Save(const std::string &path, bool cancelFirst = false)
+    // Starts the save thread on `path`.
+    void StartSave(const std::string &path, bool cancelFirst = false)
     {
         name_.assign(path.begin(), path.end());
         name_.push_back(0);
@@ -180,22 +147,32 @@ protected:
         g_saveRequest.fileName = name_.data();
         g_saveResult = -1;
         InterlockedExchange(&g_saveCancel, cancelFirst ? 1 : 0);
-        long threads = PlatLiveCount(PLAT_KIND_THREAD);
+        threads_ = PlatLiveCount(PLAT_KIND_THREAD);
         g_hSaveThread = CreateThread(nullptr, 256, ImgSaveThread, &g_saveRequest, CREATE_SUSPENDED, nullptr);
         EXPECT_NE(g_hSaveThread, nullptr);
         ResumeThread(g_hSaveThread);
-        for (int i = 0; i < 100000 && MciReadResult(&g_saveResult) < 0; i++)
-            Sleep(1);
-        for (int i = 0; i < 100000 && PlatLiveCount(PLAT_KIND_THREAD) != threads; i++)
-            Sleep(1);
+    }
+    // Waits for the save thread's result and its end, running `poll` in
+    // between; returns the result.
+    LONG FinishSave(const std::function<void()> &poll = [] { Sleep(1); })
+    {
+        LONG result = -1;
+        for (int i = 0; i < 100000 && (result = MciReadResult(&g_saveResult)) < 0; i++)
+            poll();
+        for (int i = 0; i < 100000 && PlatLiveCount(PLAT_KIND_THREAD) != threads_; i++)
+            poll();
         g_hSaveThread = nullptr;
-        return MciReadResult(&g_saveResult);
+        return result;
+    }
+    LONG Save(const std::string &path, bool cancelFirst = false)
+    {
+        StartSave(path, cancelFirst);
+        return FinishSave();
     }
 
-    std::string Path(const char *name) const { return dir_ + "/" + name; }
-
-    std::string dir_;
+    tamrix_test::TempDir dir_;
     std::vector<WCHAR> name_;
+    long threads_ = 0;
 };
 
 TEST_F(BmpWriterTest, EveryDepthAsAnotherReaderSeesIt)
@@ -214,23 +191,19 @@ TEST_F(BmpWriterTest, EveryDepthAsAnotherReaderSeesIt)
         SCOPED_TRACE(::testing::Message() << "mode " << c.mode << " step " << c.step);
         MakeImage(c.mode, c.step, c.width, 3);
         std::vector<BYTE> infoBefore((BYTE *)g_imageInfo, (BYTE *)g_imageInfo + 40 + c.table);
-        std::string path = Path("img.bmp");
+        std::string path = dir_ / "img.bmp";
         ASSERT_EQ(Save(path), 0);
         EXPECT_TRUE(std::equal(infoBefore.begin(), infoBefore.end(), (BYTE *)g_imageInfo));
 
         std::vector<BYTE> f = ReadFile(path);
         DWORD rowBytes = ((c.bits * c.width + 7) / 8 + 3) / 4 * 4;
         ASSERT_EQ(f.size(), 54 + c.table + 3 * rowBytes);
-        EXPECT_EQ(f[0], 'B');
-        EXPECT_EQ(f[1], 'M');
-        EXPECT_EQ(U32(f, 2), 54 + c.table + g_imageBytes);
-        EXPECT_EQ(U32(f, 6), 0u);
-        EXPECT_EQ(U32(f, 10), 54 + c.table);
-        EXPECT_EQ(U32(f, 14), 40u);
-        EXPECT_EQ((LONG)U32(f, 18), c.width);
-        EXPECT_EQ(U32(f, 22), 3u);
-        EXPECT_EQ(f[28], c.bits);
-        EXPECT_EQ(U32(f, 46), c.clrUsed);
+        // Magic, file size, reserved, bits offset; header size, width,
+        // height, depth, colours used.
+        EXPECT_EQ((std::vector<DWORD>{f[0], f[1], U32(f, 2), U32(f, 6), U32(f, 10), U32(f, 14), U32(f, 18), U32(f, 22),
+                                      f[28], U32(f, 46)}),
+                  (std::vector<DWORD>{'B', 'M', 54 + c.table + g_imageBytes, 0, 54 + c.table, 40, (DWORD)c.width, 3,
+                                      c.bits, c.clrUsed}));
         if (c.bits == 1) {
             // 50 pixels: 8-byte rows, white then black in the table.
             EXPECT_EQ(rowBytes, 8u);
@@ -253,52 +226,42 @@ TEST_F(BmpWriterTest, EveryDepthAsAnotherReaderSeesIt)
 TEST_F(BmpWriterTest, FailuresMapAndLeaveNoFile)
 {
     MakeImage(0, 1, 50, 3);
-    std::string path = Path("out.bmp");
+    std::string path = dir_ / "out.bmp";
 
-    EXPECT_EQ(Save(Path("missing/dir/out.bmp")), (LONG)MCIERR_FILE_NOT_FOUND);
+    EXPECT_EQ(Save(dir_ / "missing/dir/out.bmp"), (LONG)MCIERR_FILE_NOT_FOUND);
 
-    struct Mapped {
+    struct Injected {
+        const char *api;
+        unsigned nth;
         DWORD error;
         LONG result;
     };
-    const Mapped opens[] = {{ERROR_ACCESS_DENIED, MCIERR_FILENAME_REQUIRED},
-                            {123, MCIERR_FILENAME_REQUIRED},
-                            {ERROR_PATH_NOT_FOUND, MCIERR_FILE_NOT_FOUND},
-                            {267, MCIERR_FILE_NOT_FOUND},
-                            {2401, MCIERR_FILE_NOT_FOUND},
-                            {ERROR_WRITE_FAULT, MCIERR_FILE_WRITE},
-                            {1013, MCIERR_FILE_WRITE},
-                            {ERROR_DISK_FULL, MCIERR_FILE_NOT_SAVED}};
-    for (const Mapped &m : opens) {
-        PlatFailCall("CreateFileW", 1, m.error);
-        EXPECT_EQ(Save(path), m.result) << "error " << m.error;
-        EXPECT_FALSE(Exists(path));
+    const Injected cases[] = {
+        {"CreateFileW", 1, ERROR_ACCESS_DENIED, MCIERR_FILENAME_REQUIRED},
+        {"CreateFileW", 1, 123, MCIERR_FILENAME_REQUIRED},
+        {"CreateFileW", 1, ERROR_PATH_NOT_FOUND, MCIERR_FILE_NOT_FOUND},
+        {"CreateFileW", 1, 267, MCIERR_FILE_NOT_FOUND},
+        {"CreateFileW", 1, 2401, MCIERR_FILE_NOT_FOUND},
+        {"CreateFileW", 1, ERROR_WRITE_FAULT, MCIERR_FILE_WRITE},
+        {"CreateFileW", 1, 1013, MCIERR_FILE_WRITE},
+        {"CreateFileW", 1, ERROR_DISK_FULL, MCIERR_FILE_NOT_SAVED},
+        // A full disk at the file header, the info block and the first row.
+        {"WriteFile", 1, ERROR_DISK_FULL, MCIERR_FILE_NOT_SAVED},
+        {"WriteFile", 2, ERROR_DISK_FULL, MCIERR_FILE_NOT_SAVED},
+        {"WriteFile", 3, ERROR_DISK_FULL, MCIERR_FILE_NOT_SAVED},
+        {"WriteFile", 2, ERROR_WRITE_FAULT, MCIERR_FILE_WRITE},
+        // No memory for the row buffer, for the header backup, or a row that
+        // cannot be read.
+        {"GlobalAlloc", 1, 0, MCIERR_OUT_OF_MEMORY},
+        {"GlobalAlloc", 2, 0, MCIERR_DRIVER_INTERNAL},
+        {"GetDIBits", 2, 0, MCIERR_OUT_OF_MEMORY},
+    };
+    for (const Injected &c : cases) {
+        PlatFailCall(c.api, c.nth, c.error);
+        EXPECT_EQ(Save(path), c.result) << c.api << " call " << c.nth << " error " << c.error;
+        EXPECT_FALSE(Exists(path)) << c.api << " call " << c.nth;
         PlatClearFaults();
     }
-    // A full disk at the file header, the info block and the first row.
-    for (unsigned nth = 1; nth <= 3; nth++) {
-        PlatFailCall("WriteFile", nth, ERROR_DISK_FULL);
-        EXPECT_EQ(Save(path), (LONG)MCIERR_FILE_NOT_SAVED) << "write " << nth;
-        EXPECT_FALSE(Exists(path)) << "write " << nth;
-        PlatClearFaults();
-    }
-    PlatFailCall("WriteFile", 2, 29);
-    EXPECT_EQ(Save(path), (LONG)MCIERR_FILE_WRITE);
-    PlatClearFaults();
-    // No memory for the row buffer, for the header backup, or a row that
-    // cannot be read.
-    PlatFailCall("GlobalAlloc", 1, 0);
-    EXPECT_EQ(Save(path), (LONG)MCIERR_OUT_OF_MEMORY);
-    EXPECT_FALSE(Exists(path));
-    PlatClearFaults();
-    PlatFailCall("GlobalAlloc", 2, 0);
-    EXPECT_EQ(Save(path), (LONG)MCIERR_DRIVER_INTERNAL);
-    EXPECT_FALSE(Exists(path));
-    PlatClearFaults();
-    PlatFailCall("GetDIBits", 2, 0);
-    EXPECT_EQ(Save(path), (LONG)MCIERR_OUT_OF_MEMORY);
-    EXPECT_FALSE(Exists(path));
-    PlatClearFaults();
     // A scan that delivered more lines than asked: the rows written follow
     // the header, the size field the delivered bytes.
     g_imageInfo->bmiHeader.biHeight = 2;
@@ -318,7 +281,7 @@ TEST_F(BmpWriterTest, FailuresMapAndLeaveNoFile)
 TEST_F(BmpWriterTest, CancelAtEachCheck)
 {
     MakeImage(0, 1, 50, 3);
-    std::string path = Path("c.bmp");
+    std::string path = dir_ / "c.bmp";
     // Seen before anything is written.
     EXPECT_EQ(Save(path, true), (LONG)MCIERR_OUT_OF_MEMORY);
     EXPECT_FALSE(Exists(path));
@@ -328,7 +291,7 @@ TEST_F(BmpWriterTest, CancelAtEachCheck)
     // before the open fails.
     for (int blockedWrite = 1; blockedWrite <= 3; blockedWrite++) {
         SCOPED_TRACE(::testing::Message() << "blocked in write " << blockedWrite);
-        std::string fifo = Path("pipe.bmp");
+        std::string fifo = dir_ / "pipe.bmp";
         ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
         int rd = open(fifo.c_str(), O_RDONLY | O_NONBLOCK);
         int wr = open(fifo.c_str(), O_WRONLY | O_NONBLOCK);
@@ -343,32 +306,20 @@ TEST_F(BmpWriterTest, CancelAtEachCheck)
         std::vector<char> sink(8192);
 
         PlatFailAlways("DeleteFileW", ERROR_ACCESS_DENIED);
-        name_.assign(fifo.begin(), fifo.end());
-        name_.push_back(0);
-        g_saveRequest.fileName = name_.data();
-        g_saveResult = -1;
-        InterlockedExchange(&g_saveCancel, 0);
-        long threads = PlatLiveCount(PLAT_KIND_THREAD);
-        g_hSaveThread = CreateThread(nullptr, 256, ImgSaveThread, &g_saveRequest, CREATE_SUSPENDED, nullptr);
-        ResumeThread(g_hSaveThread);
+        StartSave(fifo);
         // Wait until the writer sits in the blocked write.
-        unsigned wantCalls = (unsigned)blockedWrite;
-        for (int i = 0; i < 100000 && PlatCallCount("WriteFile") < wantCalls; i++)
+        for (int i = 0; i < 100000 && PlatCallCount("WriteFile") < (unsigned)blockedWrite; i++)
             usleep(100);
         usleep(20000);
         EXPECT_EQ(MciReadResult(&g_saveResult), -1);
         InterlockedExchange(&g_saveCancel, 1);
         PlatClearFaults();
         // Drain the pipe so the write completes.
-        LONG result = -1;
-        for (int i = 0; i < 100000 && (result = MciReadResult(&g_saveResult)) < 0; i++) {
+        LONG result = FinishSave([&] {
             while (read(rd, sink.data(), sink.size()) > 0) {
             }
             usleep(100);
-        }
-        for (int i = 0; i < 100000 && PlatLiveCount(PLAT_KIND_THREAD) != threads; i++)
-            usleep(100);
-        g_hSaveThread = nullptr;
+        });
         close(rd);
         close(wr);
         // Seen after that write: the file is deleted and, the write itself

@@ -1,13 +1,9 @@
 // Line conversion: level widening, the packings of every scan mode, and a
 // round trip from a row packed as the scanner sends it to the pixel colours
 // read back from the new image through its colour table.
-#include "support/platform_fixture.h"
+#include "support/image_fixture.h"
 
-#include "display/display_rects.h"
-#include "image/image.h"
-
-#include <array>
-#include <vector>
+#include <algorithm>
 
 namespace
 {
@@ -45,26 +41,28 @@ int Shown(int v, int bits)
 
 } // namespace
 
-class ConversionTest : public PlatformTest
+class ConversionTest : public ImageTest
 {
 };
 
 TEST_F(ConversionTest, LevelsWidenToFullScale)
 {
-    EXPECT_EQ(ImgExpandLevel(7 << 5, 5), 255);
-    EXPECT_EQ(ImgExpandLevel(6 << 5, 5), 222);
-    EXPECT_EQ(ImgExpandLevel(1 << 5, 5), 37);
-    EXPECT_EQ(ImgExpandLevel(31 << 3, 3), 255);
-    EXPECT_EQ(ImgExpandLevel(30 << 3, 3), 240);
-    EXPECT_EQ(ImgExpandLevel(15 << 4, 4), 255);
-    EXPECT_EQ(ImgExpandLevel(127 << 1, 1), 255);
-    EXPECT_EQ(ImgExpandLevel(63 << 2, 2), 255);
-    EXPECT_EQ(ImgExpandLevel(62 << 2, 2), 248);
-    EXPECT_EQ(ImgExpandLevel(0x9C, 0), 0x9C);
-    // Other shifts only drop the low bits; nothing is left after 8 or more.
-    EXPECT_EQ(ImgExpandLevel(0xC0, 6), 3);
-    EXPECT_EQ(ImgExpandLevel(0xFF, 8), 0);
-    EXPECT_EQ(ImgExpandLevel(0xFF, 33), 0);
+    const int cases[][3] = {{7 << 5, 5, 255},
+                            {6 << 5, 5, 222},
+                            {1 << 5, 5, 37},
+                            {31 << 3, 3, 255},
+                            {30 << 3, 3, 240},
+                            {15 << 4, 4, 255},
+                            {127 << 1, 1, 255},
+                            {63 << 2, 2, 255},
+                            {62 << 2, 2, 248},
+                            {0x9C, 0, 0x9C},
+                            // Other shifts only drop the low bits; nothing is left after 8 or more.
+                            {0xC0, 6, 3},
+                            {0xFF, 8, 0},
+                            {0xFF, 33, 0}};
+    for (const auto &c : cases)
+        EXPECT_EQ(ImgExpandLevel((BYTE)c[0], c[1]), c[2]) << c[0] << " shifted by " << c[1];
 }
 
 TEST_F(ConversionTest, PackedLevelsAndPasses)
@@ -74,20 +72,15 @@ TEST_F(ConversionTest, PackedLevelsAndPasses)
     BYTE row[16] = {};
     BITMAPINFOHEADER h = Header(4, 4, 4);
     EXPECT_EQ(ImgConvertLine(raw, row, 1, &h, 0, 0, 0), 1);
-    EXPECT_EQ(row[0], 0x32);
-    EXPECT_EQ(row[1], 0x10);
+    EXPECT_EQ(std::vector<BYTE>(row, row + 2), (std::vector<BYTE>{0x32, 0x10}));
 
     // Three-pass eight colours: raw 1011 in the red pass paints pixels 2
-    // and 4 only.
+    // and 4 only; the green pass ORs its bit beside the red one.
     BYTE raw2[1] = {0xB0};
     BYTE row2[4] = {};
     h = Header(8, 4, 8);
     ImgConvertLine(raw2, row2, 1, &h, 1, 1, 0);
-    EXPECT_EQ(row2[0], 0x08);
-    EXPECT_EQ(row2[1], 0x08);
-    EXPECT_EQ(row2[2], 0x00);
-    EXPECT_EQ(row2[3], 0x00);
-    // The green pass ORs its bit beside the red one.
+    EXPECT_EQ(std::vector<BYTE>(row2, row2 + 4), (std::vector<BYTE>{0x08, 0x08, 0, 0}));
     BYTE raw3[1] = {0x80};
     ImgConvertLine(raw3, row2, 1, &h, 1, 1, 1);
     EXPECT_EQ(row2[0], 0x48);
@@ -103,23 +96,19 @@ TEST_F(ConversionTest, PackedLevelsAndPasses)
     EXPECT_EQ(row4[3 * 6], 0xAA);
     EXPECT_EQ(row4[1], 0xAA); // other channels untouched
 
-    // An unknown colour count leaves the row alone.
-    std::array<BYTE, 8> row5;
-    row5.fill(0x5A);
-    for (int colour = 0; colour <= 1; colour++) {
-        for (int planar = 0; planar <= colour; planar++) {
-            h = Header(8, 8, 77);
-            EXPECT_EQ(ImgConvertLine(raw4, row5.data(), 1, &h, colour, planar, 0), 1);
-            for (BYTE b : row5)
-                EXPECT_EQ(b, 0x5A);
-        }
-    }
-    // Grey without a byte packing (no depth, or deeper than a byte) likewise.
-    for (WORD depth : {0, 24}) {
-        h = Header(8, depth, 0);
-        EXPECT_EQ(ImgConvertLine(raw4, row5.data(), 1, &h, 0, 0, 0), 1);
-        for (BYTE b : row5)
-            EXPECT_EQ(b, 0x5A) << "depth " << depth;
+    // An unknown colour count, or grey without a byte packing (no depth or
+    // deeper than a byte), leaves the row alone.
+    struct Untouched {
+        WORD bits;
+        DWORD colours;
+        int colour, planar;
+    };
+    for (const Untouched &u : {Untouched{8, 77, 0, 0}, {8, 77, 1, 0}, {8, 77, 1, 1}, {0, 0, 0, 0}, {24, 0, 0, 0}}) {
+        std::array<BYTE, 8> row5;
+        row5.fill(0x5A);
+        h = Header(8, u.bits, u.colours);
+        EXPECT_EQ(ImgConvertLine(raw4, row5.data(), 1, &h, u.colour, u.planar, 0), 1);
+        EXPECT_EQ(std::count(row5.begin(), row5.end(), 0x5A), 8) << u.bits << " bits " << u.colours << " colours";
     }
 }
 
@@ -201,42 +190,17 @@ int Expected(const Mode &m, int c, int x, int y, int bits)
 
 } // namespace
 
-class ConversionRoundTripTest : public PlatformTest
+class ConversionRoundTripTest : public ImageTest
 {
 protected:
-    void SetUp() override
-    {
-        PlatformTest::SetUp();
-        g_settings.interfaceType = IF_RS232C;
-        g_targetWnd = nullptr;
-        g_dispReleased = 1; // no display copy needed here
-        g_alignShift = 0;
-        g_alignFailed = 0;
-    }
-    void TearDown() override
-    {
-        ImgFreeScanBuffers(0);
-        g_dispReleased = 0;
-        PlatformTest::TearDown();
-    }
-
     void RoundTrip(const Mode &m)
     {
         const int width = kWidth, height = 3;
         int bits = m.colorStep == 16 ? 1 : m.colorStep;
         g_settings.model = m.model;
-        g_scanParams = ScanParams{};
-        g_scanParams.resolution = 90;
-        g_scanParams.areaWidth = width;
-        g_scanParams.areaLength = height;
-        g_scanParams.colorMode = m.colorMode;
-        g_scanParams.colorStep = m.colorStep;
-        DWORD raw, stride, w, h;
-        ImgComputeGeometry(&g_scanParams, &raw, &stride, &w, &h);
-        ASSERT_EQ(w, (DWORD)width);
-        ASSERT_EQ(h, (DWORD)height);
-        ASSERT_EQ(ImgCreateScanBuffers(raw, stride, w, h), 1);
-
+        g_dispReleased = 1; // no display copy needed here
+        DWORD raw;
+        ASSERT_EQ(tamrix_test::BeginScan(m.colorMode, m.colorStep, width, height, &raw), 1);
         ImgStoreLine(0);
         int passes = m.colorMode == 17 ? 3 : 1;
         for (int pass = 0; pass < passes; pass++) {
@@ -246,64 +210,30 @@ protected:
                 ImgStoreLine(1);
             }
         }
-
         // Read the picture back in its own format and look every pixel up.
-        BITMAPINFOHEADER hdr = g_scanInfo->bmiHeader;
-        std::vector<BYTE> info(sizeof(BITMAPINFOHEADER) + 256 * sizeof(RGBQUAD));
-        std::copy((BYTE *)&hdr, (BYTE *)&hdr + sizeof hdr, info.begin());
-        std::vector<BYTE> bits_(stride * height);
-        ASSERT_EQ(GetDIBits(g_scanDC, g_scanBitmap, 0, height, bits_.data(), (BITMAPINFO *)info.data(), DIB_RGB_COLORS),
-                  height);
-        RGBQUAD table[256] = {};
-        if (hdr.biBitCount <= 8) {
-            ASSERT_GT(GetDIBColorTable(g_scanDC, 0, 256, table), 0u);
-        }
+        tamrix_test::DibRows dib = tamrix_test::ReadDib(g_scanDC, g_scanBitmap, g_scanInfo->bmiHeader);
         for (int y = 0; y < height; y++) {
-            const BYTE *row = bits_.data() + (size_t)(height - 1 - y) * stride;
             for (int x = 0; x < width; x++) {
-                int rgb[3];
-                if (hdr.biBitCount == 24) {
-                    rgb[0] = row[3 * x + 2];
-                    rgb[1] = row[3 * x + 1];
-                    rgb[2] = row[3 * x];
-                } else {
-                    int perByte = 8 / hdr.biBitCount;
-                    int shift = 8 - hdr.biBitCount * (x % perByte + 1);
-                    int index = (row[x / perByte] >> shift) & ((1 << hdr.biBitCount) - 1);
-                    rgb[0] = table[index].rgbRed;
-                    rgb[1] = table[index].rgbGreen;
-                    rgb[2] = table[index].rgbBlue;
-                }
-                for (int c = 0; c < 3; c++) {
-                    int want = Expected(m, m.colorMode ? c : 0, x, y, bits);
-                    ASSERT_EQ(rgb[c], want) << "model " << m.model << " mode " << m.colorMode << " step " << m.colorStep
-                                            << " pixel " << x << "," << y << " channel " << c;
-                }
+                std::array<int, 3> rgb = dib.Rgb(x, y);
+                for (int c = 0; c < 3; c++)
+                    ASSERT_EQ(rgb[c], Expected(m, m.colorMode ? c : 0, x, y, bits))
+                        << "pixel " << x << "," << y << " channel " << c;
             }
         }
     }
 };
 
-TEST_F(ConversionRoundTripTest, MonochromeModes)
+TEST_F(ConversionRoundTripTest, MonochromeSinglePassAndThreePassColour)
 {
-    for (SHORT step : {1, 2, 3, 4, 5, 6, 7, 8, 16}) {
-        RoundTrip({2, 0, step});
-        ImgFreeScanBuffers(0);
-    }
-}
-
-TEST_F(ConversionRoundTripTest, SinglePassColour)
-{
-    for (SHORT step : {1, 2, 3, 4, 5, 6, 7, 8}) {
-        RoundTrip({4, 16, step});
-        ImgFreeScanBuffers(0);
-    }
-}
-
-TEST_F(ConversionRoundTripTest, ThreePassColour)
-{
-    for (SHORT step : {1, 2, 3, 4, 5, 6, 7, 8}) {
-        RoundTrip({3, 17, step});
-        ImgFreeScanBuffers(0);
+    const Mode modes[] = {{2, 0, 0}, {4, 16, 0}, {3, 17, 0}};
+    for (const Mode &mode : modes) {
+        for (SHORT step : {1, 2, 3, 4, 5, 6, 7, 8, 16}) {
+            if (step == 16 && mode.colorMode != 0)
+                continue;
+            SCOPED_TRACE(::testing::Message()
+                         << "model " << mode.model << " mode " << mode.colorMode << " step " << step);
+            RoundTrip({mode.model, mode.colorMode, step});
+            ImgFreeScanBuffers(0);
+        }
     }
 }

@@ -2,8 +2,6 @@
 // command messages to the dispatcher.
 #include "driver_fixture.h"
 
-#include <cstdlib>
-#include <filesystem>
 #include <string>
 
 namespace
@@ -100,26 +98,13 @@ TEST_F(DriverEntryTest, ConfigureIsRefusedWithoutShowingAnything)
 class SystemIniTest : public DriverEntryTest
 {
 protected:
-    void SetUp() override
-    {
-        DriverEntryTest::SetUp();
-        char pattern[] = "/tmp/tamrix-drv-XXXXXX";
-        dir_ = mkdtemp(pattern);
-        PlatSetWindowsDirectory(dir_.c_str());
-    }
-    void TearDown() override
-    {
-        PlatSetWindowsDirectory(nullptr);
-        std::filesystem::remove_all(dir_);
-        DriverEntryTest::TearDown();
-    }
     static std::u16string Read(const WCHAR *section)
     {
         WCHAR buffer[64] = {};
         GetPrivateProfileStringW(section, TEXT("Scanner"), TEXT("<none>"), buffer, 64, TEXT("system.ini"));
         return std::u16string((const char16_t *)buffer);
     }
-    std::string dir_;
+    tamrix_test::TempDir windir_{true};
 };
 
 TEST_F(SystemIniTest, InstallAndRemoveLeaveNoScannerUnderDrivers32)

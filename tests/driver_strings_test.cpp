@@ -7,7 +7,6 @@
 
 #include <mmsystem.h>
 
-#include <filesystem>
 #include <string>
 
 namespace
@@ -30,10 +29,6 @@ protected:
     void SetUp() override
     {
         PlatformTest::SetUp();
-        char tmpl[] = "/tmp/driver_strings_XXXXXX";
-        ASSERT_NE(mkdtemp(tmpl), nullptr);
-        dir_ = tmpl;
-        PlatSetWindowsDirectory(dir_.c_str());
         WritePrivateProfileStringW(TEXT("MCI32"), TEXT("Scanner"), TEXT("TAMRIX.DLL"), TEXT("system.ini"));
         mm::SetDriverHook(AnswerOpenAndClose);
         WNDCLASSW wc{};
@@ -49,8 +44,6 @@ protected:
         DestroyWindow(wnd_);
         UnregisterClassW(u"DriverStringsTest", nullptr);
         mm::SetDriverHook(nullptr);
-        PlatSetWindowsDirectory(nullptr);
-        std::filesystem::remove_all(dir_);
         PlatformTest::TearDown();
     }
     DWORD Send(const char16_t *cmd, HWND callback = nullptr)
@@ -67,7 +60,7 @@ protected:
             codes += char16_t(u'0' + msg.wParam);
         return codes;
     }
-    std::string dir_;
+    tamrix_test::TempDir windir_{true};
     HWND wnd_ = nullptr;
     WCHAR ret_[64];
 };

@@ -2,7 +2,6 @@
 // Win32 error codes of failures.
 #include "support/platform_fixture.h"
 
-#include <cstdlib>
 #include <fstream>
 #include <iterator>
 #include <string>
@@ -20,27 +19,14 @@ std::u16string Wide(const std::string &s)
 class FilesTest : public PlatformTest
 {
 protected:
-    void SetUp() override
-    {
-        PlatformTest::SetUp();
-        char tmpl[] = "/tmp/tamrix-files-XXXXXX";
-        ASSERT_NE(mkdtemp(tmpl), nullptr);
-        dir_ = tmpl;
-    }
-    void TearDown() override
-    {
-        std::string cmd = "rm -rf '" + dir_ + "'";
-        EXPECT_EQ(std::system(cmd.c_str()), 0);
-        PlatformTest::TearDown();
-    }
     // Windows-style name of a file in the test directory.
-    std::u16string Name(const std::string &leaf) { return Wide(dir_ + "\\" + leaf); }
-    std::string Host(const std::string &leaf) { return dir_ + "/" + leaf; }
+    std::u16string Name(const std::string &leaf) { return Wide(dir_.path() + "\\" + leaf); }
+    std::string Host(const std::string &leaf) { return dir_ / leaf; }
     HANDLE Open(const std::string &leaf, DWORD access, DWORD disposition)
     {
         return CreateFileW(Name(leaf).c_str(), access, 0, nullptr, disposition, FILE_ATTRIBUTE_NORMAL, nullptr);
     }
-    std::string dir_;
+    tamrix_test::TempDir dir_;
 };
 
 TEST_F(FilesTest, WriteReadSeekAndSize)

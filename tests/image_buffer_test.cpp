@@ -1,46 +1,23 @@
 // Image slots: bit depth and colour table per scan mode, the initial blank
 // image, the commit, and the release of everything on any failure while the
 // scan buffers are made.
-#include "support/platform_fixture.h"
-
-#include "display/display_rects.h"
-#include "image/image.h"
+#include "support/image_fixture.h"
 
 #include <string>
 #include <vector>
 
-class ImageBufferTest : public PlatformTest
+class ImageBufferTest : public ImageTest
 {
 protected:
     void SetUp() override
     {
-        PlatformTest::SetUp();
-        g_settings.model = 4;
-        g_settings.interfaceType = IF_RS232C;
-        g_targetWnd = nullptr;
-        g_scanParams = ScanParams{};
-        g_scanParams.resolution = 90;
+        ImageTest::SetUp();
         g_dstRect = ScanRect{0, 0, 288, 400};
     }
-    void TearDown() override
-    {
-        ImgFreeScanBuffers(0);
-        ImgFreeImages();
-        g_dispReleased = 0;
-        PlatformTest::TearDown();
-    }
     // Makes the scan buffers for a 30 x 5 scan in the given mode.
-    int Create(SHORT colorMode, SHORT colorStep, DWORD *stride = nullptr)
+    static int Create(SHORT colorMode, SHORT colorStep, DWORD *stride = nullptr)
     {
-        g_scanParams.colorMode = colorMode;
-        g_scanParams.colorStep = colorStep;
-        g_scanParams.areaWidth = 30;
-        g_scanParams.areaLength = 5;
-        DWORD raw, st, w, h;
-        ImgComputeGeometry(&g_scanParams, &raw, &st, &w, &h);
-        if (stride)
-            *stride = st;
-        return ImgCreateScanBuffers(raw, st, w, h);
+        return tamrix_test::BeginScan(colorMode, colorStep, 30, 5, nullptr, stride);
     }
     static int Grey(const RGBQUAD &q) { return q.rgbRed == q.rgbGreen && q.rgbGreen == q.rgbBlue ? q.rgbRed : -1; }
 };

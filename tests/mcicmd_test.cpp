@@ -5,7 +5,6 @@
 #include <sys/wait.h>
 
 #include <cstdio>
-#include <filesystem>
 #include <fstream>
 #include <string>
 
@@ -20,22 +19,11 @@ struct Outcome {
 class McicmdTest : public PlatformTest
 {
 protected:
-    void SetUp() override
-    {
-        PlatformTest::SetUp();
-        char tmpl[] = "/tmp/mcicmd_test_XXXXXX";
-        ASSERT_NE(mkdtemp(tmpl), nullptr);
-        dir_ = tmpl;
-    }
-    void TearDown() override
-    {
-        std::filesystem::remove_all(dir_);
-        PlatformTest::TearDown();
-    }
     Outcome Mcicmd(const std::string &args)
     {
-        std::string errFile = dir_ + "/stderr";
-        std::string cmd = std::string(TAMRIX_BUILD_DIR) + "/bin/mcicmd --windir " + dir_ + " " + args + " 2>" + errFile;
+        std::string errFile = dir_ / "stderr";
+        std::string cmd =
+            std::string(TAMRIX_BUILD_DIR) + "/bin/mcicmd --windir " + dir_.path() + " " + args + " 2>" + errFile;
         Outcome r;
         PlatBeginExternalWait();
         if (FILE *p = popen(cmd.c_str(), "r")) {
@@ -51,7 +39,7 @@ protected:
         r.err.assign(std::istreambuf_iterator<char>(e), std::istreambuf_iterator<char>());
         return r;
     }
-    std::string dir_;
+    tamrix_test::TempDir dir_;
 };
 
 TEST_F(McicmdTest, HelpDocumentsOptionsAndMetaCommands)
@@ -65,14 +53,14 @@ TEST_F(McicmdTest, HelpDocumentsOptionsAndMetaCommands)
 
 TEST_F(McicmdTest, ScriptStopsAtTheFirstErrorUnlessKeepGoing)
 {
-    std::ofstream(dir_ + "/s.mci") << "# a comment\n\nfrobnicate x wait\nstop nothing wait\n";
-    Outcome r = Mcicmd("-f " + dir_ + "/s.mci");
+    std::ofstream(dir_ / "s.mci") << "# a comment\n\nfrobnicate x wait\nstop nothing wait\n";
+    Outcome r = Mcicmd("-f " + dir_ / "s.mci");
     EXPECT_NE(r.status, 0);
     EXPECT_NE(r.err.find("error 263: The specified device is not open or is not recognized by MCI."), std::string::npos)
         << r.err;
     EXPECT_EQ(r.err.find("error", r.err.find("error 263") + 1), std::string::npos) << "ran past the error: " << r.err;
 
-    r = Mcicmd("-k -f " + dir_ + "/s.mci");
+    r = Mcicmd("-k -f " + dir_ / "s.mci");
     EXPECT_EQ(r.status, 1);
     size_t first = r.err.find("error 263");
     ASSERT_NE(first, std::string::npos);
@@ -81,7 +69,7 @@ TEST_F(McicmdTest, ScriptStopsAtTheFirstErrorUnlessKeepGoing)
 
 TEST_F(McicmdTest, NotificationsArePrintedAsTheyArrive)
 {
-    std::ofstream(dir_ + "/system.ini") << "[MCI32]\nEcho=ECHODRV.DLL\n";
+    std::ofstream(dir_ / "system.ini") << "[MCI32]\nEcho=ECHODRV.DLL\n";
     Outcome r = Mcicmd("\"open echo alias e wait\" \"status e ready notify\" .wait \"close e wait\"");
     EXPECT_EQ(r.status, 0) << r.err;
     EXPECT_NE(r.out.find("notify: successful (device 1)"), std::string::npos) << r.out;

@@ -16,20 +16,6 @@ namespace
 class ProfileTest : public PlatformTest
 {
 protected:
-    void SetUp() override
-    {
-        PlatformTest::SetUp();
-        char pattern[] = "/tmp/tamrix-ini-XXXXXX";
-        root_ = mkdtemp(pattern);
-        dir_ = root_ + "/windows"; // not there yet: created by the first write
-        PlatSetWindowsDirectory(dir_.c_str());
-    }
-    void TearDown() override
-    {
-        PlatSetWindowsDirectory(nullptr);
-        std::filesystem::remove_all(root_);
-        PlatformTest::TearDown();
-    }
     void Put(const std::string &file, const std::string &text)
     {
         std::filesystem::create_directories(dir_);
@@ -49,7 +35,8 @@ protected:
         DWORD n = GetPrivateProfileStringW(app, key, def, buf, size, file);
         return std::u16string(buf, n);
     }
-    std::string root_, dir_;
+    tamrix_test::TempDir root_{true, "windows"}; // created by the first write
+    const std::string dir_ = root_ / "windows";
 };
 
 TEST_F(ProfileTest, IntegersFollowWindowsParsing)
@@ -136,11 +123,11 @@ TEST_F(ProfileTest, DefaultWindowsDirectoryComesFromTheEnvironment)
 {
     const char *old = std::getenv("TAMRIX_WINDIR");
     std::string saved = old ? old : "";
-    setenv("TAMRIX_WINDIR", (root_ + "/env").c_str(), 1);
+    setenv("TAMRIX_WINDIR", (root_ / "env").c_str(), 1);
     PlatSetWindowsDirectory(nullptr);
-    EXPECT_EQ(std::string(PlatGetWindowsDirectory()), root_ + "/env");
+    EXPECT_EQ(std::string(PlatGetWindowsDirectory()), root_ / "env");
     EXPECT_TRUE(WriteProfileStringW(u"A", u"b", u"c"));
-    EXPECT_TRUE(std::filesystem::exists(root_ + "/env/win.ini"));
+    EXPECT_TRUE(std::filesystem::exists(root_ / "env/win.ini"));
     if (old)
         setenv("TAMRIX_WINDIR", saved.c_str(), 1);
     else

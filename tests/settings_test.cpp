@@ -4,8 +4,6 @@
 
 #include "config/settings.h"
 
-#include <cstdlib>
-#include <filesystem>
 #include <fstream>
 #include <string>
 
@@ -15,23 +13,10 @@ namespace
 class SettingsTest : public DriverTest
 {
 protected:
-    void SetUp() override
-    {
-        DriverTest::SetUp();
-        char pattern[] = "/tmp/tamrix-cfg-XXXXXX";
-        dir_ = mkdtemp(pattern);
-        PlatSetWindowsDirectory(dir_.c_str());
-    }
-    void TearDown() override
-    {
-        PlatSetWindowsDirectory(nullptr);
-        std::filesystem::remove_all(dir_);
-        DriverTest::TearDown();
-    }
     // Replaces win.ini with `section` as the body of [TAMRIX].
     void WriteWinIni(const std::string &section)
     {
-        std::ofstream(dir_ + "/win.ini") << "[Other]\nScanner=3\n[TAMRIX]\n" << section;
+        std::ofstream(windir_ / "win.ini") << "[Other]\nScanner=3\n[TAMRIX]\n" << section;
     }
     DeviceSettings Read()
     {
@@ -40,7 +25,7 @@ protected:
         CfgReadSettings(nullptr, &s);
         return s;
     }
-    std::string dir_;
+    tamrix_test::TempDir windir_{true};
 };
 
 void ExpectSettings(const DeviceSettings &s, DWORD model, DWORD iface, DWORD id, DWORD baud)

@@ -8,8 +8,6 @@
 
 #include <mmsystem.h>
 
-#include <cstdlib>
-#include <filesystem>
 #include <string>
 #include <vector>
 
@@ -73,10 +71,6 @@ protected:
     void SetUp() override
     {
         PlatformTest::SetUp();
-        char tmpl[] = "/tmp/winmm_mci_XXXXXX";
-        ASSERT_NE(mkdtemp(tmpl), nullptr);
-        dir_ = tmpl;
-        PlatSetWindowsDirectory(dir_.c_str());
         WritePrivateProfileStringW(TEXT("MCI32"), TEXT("Scanner"), TEXT("TAMRIX.DLL"), TEXT("system.ini"));
         g_sent.clear();
         g_openAnswer = 0;
@@ -86,8 +80,6 @@ protected:
     void TearDown() override
     {
         mm::SetDriverHook(nullptr);
-        PlatSetWindowsDirectory(nullptr);
-        std::filesystem::remove_all(dir_);
         PlatformTest::TearDown();
     }
     DWORD Send(const char16_t *cmd, HWND cb = nullptr)
@@ -96,7 +88,7 @@ protected:
         return mciSendStringW(cmd, ret_, 128, cb);
     }
     std::u16string Ret() const { return ret_; }
-    std::string dir_;
+    tamrix_test::TempDir windir_{true};
     WCHAR ret_[128];
 };
 

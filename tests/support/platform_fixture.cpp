@@ -1,6 +1,8 @@
 #include "support/platform_fixture.h"
 
+#include <filesystem>
 #include <sstream>
+#include <stdlib.h>
 
 namespace tamrix_test
 {
@@ -60,6 +62,26 @@ DWORD RunOnPlatformThread(std::function<DWORD()> fn, DWORD timeoutMs)
 {
     PlatformThread thread(std::move(fn));
     return thread.Join(timeoutMs);
+}
+
+TempDir::TempDir(bool windows, const std::string &windowsSub) : windows_(windows)
+{
+    char tmpl[] = "/tmp/tamrix-test-XXXXXX";
+    if (!mkdtemp(tmpl))
+        ADD_FAILURE() << "no temporary directory";
+    path_ = tmpl;
+    if (windows)
+        PlatSetWindowsDirectory((windowsSub.empty() ? path_ : *this / windowsSub).c_str());
+}
+
+TempDir::~TempDir()
+{
+    if (windows_)
+        PlatSetWindowsDirectory(nullptr);
+    std::error_code ec;
+    std::filesystem::remove_all(path_, ec);
+    if (ec)
+        ADD_FAILURE() << "could not remove " << path_ << ": " << ec.message();
 }
 
 } // namespace tamrix_test

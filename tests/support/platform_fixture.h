@@ -50,6 +50,25 @@ private:
     DWORD id_ = 0;
 };
 
+// A new directory under /tmp, removed with everything in it on destruction.
+// With `windows` it is the platform's Windows directory until then (the
+// default one afterwards); `windowsSub`, if given, names a directory inside
+// it to use instead, which the platform creates on its first write.
+class TempDir
+{
+public:
+    explicit TempDir(bool windows = false, const std::string &windowsSub = "");
+    ~TempDir();
+    TempDir(const TempDir &) = delete;
+    TempDir &operator=(const TempDir &) = delete;
+    const std::string &path() const { return path_; }
+    std::string operator/(const std::string &leaf) const { return path_ + "/" + leaf; }
+
+private:
+    std::string path_;
+    bool windows_;
+};
+
 } // namespace tamrix_test
 
 class PlatformTest : public ::testing::Test
