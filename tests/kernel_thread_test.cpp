@@ -69,22 +69,17 @@ TEST_F(ThreadTest, TerminateEndsAThreadBlockedInSleepOrWait)
     }
 }
 
-TEST_F(ThreadTest, ExitCodesFromReturnAndExitThread)
+TEST_F(ThreadTest, ExitCodesAndSuspendedStart)
 {
     EXPECT_EQ(tamrix_test::RunOnPlatformThread([] { return 42u; }), 42u);
-    std::atomic<bool> after{false};
+    std::atomic<bool> ran{false};
     EXPECT_EQ(tamrix_test::RunOnPlatformThread([&] {
                   ExitThread(9);
-                  after = true;
+                  ran = true;
                   return 0u;
               }),
               9u);
-    EXPECT_FALSE(after);
-}
-
-TEST_F(ThreadTest, SuspendedThreadRunsOnlyAfterResume)
-{
-    std::atomic<bool> ran{false};
+    EXPECT_FALSE(ran) << "code after ExitThread ran";
     PlatformThread thread(
         [&] {
             ran = true;
@@ -111,22 +106,17 @@ TEST_F(ThreadTest, SuspendedThreadRunsOnlyAfterResume)
 
 TEST_F(ThreadTest, ThreadIdsAndPseudoHandle)
 {
-    DWORD reported = 0;
-    DWORD seen = 0;
-    HANDLE h = CreateThread(
-        nullptr, 1024,
-        [](LPVOID p) -> DWORD {
-            *static_cast<DWORD *>(p) = GetCurrentThreadId();
-            return 0;
-        },
-        &seen, 0, &reported);
-    ASSERT_NE(h, nullptr);
-    EXPECT_EQ(WaitForSingleObject(h, INFINITE), WAIT_OBJECT_0);
-    EXPECT_EQ(seen, reported);
-    EXPECT_NE(seen, GetCurrentThreadId());
+    std::atomic<DWORD> seen{0};
+    PlatformThread thread([&] {
+        seen = GetCurrentThreadId();
+        return 0u;
+    });
+    HANDLE h = thread.handle();
     EXPECT_TRUE(SetThreadPriority(h, THREAD_PRIORITY_BELOW_NORMAL));
-    EXPECT_TRUE(CloseHandle(h));
-    EXPECT_FALSE(SetThreadPriority(h, THREAD_PRIORITY_NORMAL));
+    EXPECT_EQ(thread.Join(), 0u);
+    EXPECT_EQ(seen, thread.id());
+    EXPECT_NE(seen, GetCurrentThreadId());
+    EXPECT_FALSE(SetThreadPriority(h, THREAD_PRIORITY_NORMAL)) << "a closed handle";
     EXPECT_EQ(ResumeThread(h), static_cast<DWORD>(-1));
     DWORD code = 0;
     EXPECT_TRUE(GetExitCodeThread(GetCurrentThread(), &code));

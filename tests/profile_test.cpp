@@ -42,17 +42,23 @@ protected:
 TEST_F(ProfileTest, IntegersFollowWindowsParsing)
 {
     Put("win.ini", "[TAMRIX]\nA=12abc\nB=abc\nC=-3\nD =  42  \nE=+7\nF=\n[Other]\nG=5\n");
-    EXPECT_EQ(GetProfileIntW(u"TAMRIX", u"A", 9), 12u);
-    EXPECT_EQ(GetProfileIntW(u"TAMRIX", u"B", 9), 0u);
-    EXPECT_EQ(GetProfileIntW(u"TAMRIX", u"C", 9), static_cast<UINT>(-3));
-    EXPECT_EQ(GetProfileIntW(u"TAMRIX", u"D", 9), 42u);
-    EXPECT_EQ(GetProfileIntW(u"TAMRIX", u"E", 9), 7u);
-    // Missing key, missing section, and a key of another section.
-    EXPECT_EQ(GetProfileIntW(u"TAMRIX", u"Z", 5), 5u);
-    EXPECT_EQ(GetProfileIntW(u"Nothing", u"A", -1), static_cast<UINT>(-1));
-    EXPECT_EQ(GetProfileIntW(u"TAMRIX", u"G", 2), 2u);
-    // Names ignore case.
-    EXPECT_EQ(GetProfileIntW(u"tamrix", u"a", 9), 12u);
+    struct Case {
+        LPCWSTR app, key;
+        INT def;
+        UINT want;
+    };
+    // Then a missing key, a missing section, a key of another section, and
+    // names in another case.
+    for (const Case &c : {Case{u"TAMRIX", u"A", 9, 12},
+                          {u"TAMRIX", u"B", 9, 0},
+                          {u"TAMRIX", u"C", 9, UINT(-3)},
+                          {u"TAMRIX", u"D", 9, 42},
+                          {u"TAMRIX", u"E", 9, 7},
+                          {u"TAMRIX", u"Z", 5, 5},
+                          {u"Nothing", u"A", -1, UINT(-1)},
+                          {u"TAMRIX", u"G", 2, 2},
+                          {u"tamrix", u"a", 9, 12}})
+        EXPECT_EQ(GetProfileIntW(c.app, c.key, c.def), c.want) << char(c.app[0]) << "/" << char(c.key[0]);
     EXPECT_EQ(GetPrivateProfileIntW(u"OTHER", u"g", 0, u"WIN.INI"), 5u);
 
     PlatFailCall("GetProfileIntW", 1, 0);

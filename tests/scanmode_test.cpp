@@ -2,6 +2,8 @@
 // stored into the scan parameters; plus the parameters a model starts with.
 #include "driver_fixture.h"
 
+#include <vector>
+
 namespace
 {
 
@@ -88,34 +90,26 @@ TEST_F(ScanModeTest, ApplyStoresTheNamedValuesHalftoneLast)
 
 TEST_F(ScanModeTest, ModelDefaults)
 {
-    struct Area {
-        SHORT x, y, w, l, mode;
-    } areas[8] = {{},
-                  {9, 0, 704, 1051, 0},
-                  {9, 0, 704, 1051, 0},
-                  {0, 0, 352, 576, 17},
-                  {9, 0, 704, 1051, 16},
-                  {0, 0, 736, 1051, 16},
-                  {0, 0, 736, 1051, 0},
-                  {0, 0, 736, 1051, 0}};
+    // Area x, y, width, length and colour mode per model.
+    const std::vector<int> areas[8] = {{},
+                                       {9, 0, 704, 1051, 0},
+                                       {9, 0, 704, 1051, 0},
+                                       {0, 0, 352, 576, 17},
+                                       {9, 0, 704, 1051, 16},
+                                       {0, 0, 736, 1051, 16},
+                                       {0, 0, 736, 1051, 0},
+                                       {0, 0, 736, 1051, 0}};
     for (DWORD m = 1; m <= 7; m++) {
         memset(&g_scanParams, 0x7F, sizeof g_scanParams);
         ImgInitScanParams(m);
         const ScanParams &s = g_scanParams;
-        EXPECT_EQ(s.resolution, 90);
-        EXPECT_EQ(s.brightness + s.contrast + s.tint + s.saturation, 20);
-        EXPECT_EQ(s.ditherPattern, 16);
-        EXPECT_EQ(s.gamma, 1);
-        EXPECT_EQ(s.colorStep, 1);
-        EXPECT_EQ(s.edgeEnhance | s.orProcessing | s.noiseReduction, 0);
-        EXPECT_EQ(s.areaX, areas[m].x) << m;
-        EXPECT_EQ(s.areaY, areas[m].y) << m;
-        EXPECT_EQ(s.areaWidth, areas[m].w) << m;
-        EXPECT_EQ(s.areaLength, areas[m].l) << m;
-        EXPECT_EQ(s.colorMode, areas[m].mode) << m;
-        EXPECT_EQ(g_scanRect.x, s.areaX);
-        EXPECT_EQ(g_scanRect.width, s.areaWidth);
-        EXPECT_EQ(g_scanRect.height, s.areaLength);
+        EXPECT_EQ((std::vector<int>{s.resolution, s.brightness + s.contrast + s.tint + s.saturation, s.ditherPattern,
+                                    s.gamma, s.colorStep, s.edgeEnhance | s.orProcessing | s.noiseReduction}),
+                  (std::vector<int>{90, 20, 16, 1, 1, 0}))
+            << m;
+        EXPECT_EQ((std::vector<int>{s.areaX, s.areaY, s.areaWidth, s.areaLength, s.colorMode}), areas[m]) << m;
+        EXPECT_EQ((std::vector<int>{g_scanRect.x, g_scanRect.width, g_scanRect.height}),
+                  (std::vector<int>{s.areaX, s.areaWidth, s.areaLength}));
     }
     g_scanParams.areaWidth = 123;
     ImgInitScanParams(9);
