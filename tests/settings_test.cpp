@@ -49,30 +49,21 @@ TEST_F(SettingsTest, MissingOrBadValuesReadAsTheDefaults)
 
 TEST_F(SettingsTest, IdRangeFollowsTheInterfaceAsStored)
 {
-    struct Case {
-        const char *text;
-        DWORD iface, id;
-    } cases[] = {
-        {"Scanner=2\nInterface=3\nID=31\n", IF_GPIB, 2},
-        {"Scanner=2\nInterface=3\nID=0\n", IF_GPIB, 0},
-        {"Scanner=2\nInterface=3\nID=30\n", IF_GPIB, 30},
-        {"Scanner=2\nInterface=2\nID=0\n", IF_RS232C, 1},
-        {"Scanner=2\nInterface=2\nID=9\n", IF_RS232C, 9},
-        {"Scanner=2\nInterface=2\nID=10\n", IF_RS232C, 1},
-        {"Scanner=2\nInterface=1\nID=4\n", IF_SCSI, 0},
-        // The ID is judged before the model rules move the interface.
-        {"Scanner=1\nInterface=3\nID=25\n", IF_RS232C, 25},
-        {"Scanner=1\nInterface=3\nID=0\n", IF_RS232C, 0},
-        {"Scanner=3\nInterface=1\nID=0\n", IF_RS232C, 0},
-        {"Scanner=1\nInterface=1\nID=0\n", IF_RS232C, 0},
-        {"Scanner=3\nInterface=3\nID=5\n", IF_GPIB, 5},
-        {"Scanner=4\nInterface=1\nID=0\n", IF_SCSI, 0},
+    // Scanner, Interface and ID as stored; interface and ID read back. The
+    // ID is judged before the model rules move the interface (models 1, 3).
+    const DWORD cases[][5] = {
+        {2, 3, 31, IF_GPIB, 2},  {2, 3, 0, IF_GPIB, 0},    {2, 3, 30, IF_GPIB, 30}, {2, 2, 0, IF_RS232C, 1},
+        {2, 2, 9, IF_RS232C, 9}, {2, 2, 10, IF_RS232C, 1}, {2, 1, 4, IF_SCSI, 0},   {1, 3, 25, IF_RS232C, 25},
+        {1, 3, 0, IF_RS232C, 0}, {3, 1, 0, IF_RS232C, 0},  {1, 1, 0, IF_RS232C, 0}, {3, 3, 5, IF_GPIB, 5},
+        {4, 1, 0, IF_SCSI, 0},
     };
-    for (const Case &c : cases) {
-        WriteWinIni(c.text);
+    for (const auto &c : cases) {
+        std::string text = "Scanner=" + std::to_string(c[0]) + "\nInterface=" + std::to_string(c[1]) +
+                           "\nID=" + std::to_string(c[2]) + "\n";
+        WriteWinIni(text);
         DeviceSettings s = Read();
-        EXPECT_EQ(s.interfaceType, c.iface) << c.text;
-        EXPECT_EQ(s.id, c.id) << c.text;
+        EXPECT_EQ(s.interfaceType, c[3]) << text;
+        EXPECT_EQ(s.id, c[4]) << text;
     }
 }
 
