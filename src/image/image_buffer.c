@@ -270,6 +270,33 @@ static void ImgPrepareScanHeader(BITMAPINFO *info, LONG width, LONG height, DWOR
         info->bmiHeader.biClrUsed = 0;
 }
 
+/* Makes a new image or display copy for the current scan mode from the
+   target window's DC: header block, memory DC, header and table, DIB section
+   selected into the DC. The window's DC is given back either way; whatever
+   the slot holds after a failure is for the caller to free. */
+static int ImgMakeScanSlot(const ImgSlotRefs *slot, DWORD infoBytes, LONG width, LONG height, DWORD colours,
+                           int isColour)
+{
+    HDC windowDC;
+    void *p = NULL;
+    int ok;
+
+    if (!ImgAllocLocked(infoBytes, slot->infoMem, &p))
+        return 0;
+    *slot->info = p;
+    windowDC = GetDC(g_targetWnd);
+    if (windowDC == NULL)
+        return 0;
+    *slot->dc = CreateCompatibleDC(windowDC);
+    ok = *slot->dc != NULL;
+    if (ok) {
+        ImgPrepareScanHeader(*slot->info, width, height, colours, isColour);
+        ok = ImgMakeSlotBitmap(slot, windowDC);
+    }
+    ReleaseDC(g_targetWnd, windowDC);
+    return ok;
+}
+
 static void ImgReleaseScanBuffers(void)
 {
     static const ImgSlotRefs newDisp = {&g_newDispInfoMem, &g_newDispInfo, &g_newDispBitmap, &g_newDispDC,
@@ -296,7 +323,6 @@ int ImgCreateScanBuffers(DWORD rawBytes, DWORD stride, DWORD widthPx, DWORD line
     int isColour = g_scanParams.colorMode != 0;
     WORD bitCount;
     DWORD entries, clrUsed, infoBytes;
-    HDC windowDC = NULL;
     void *p = NULL;
 
     ImgFormatFor(colours, &bitCount, &entries, &clrUsed);
@@ -313,45 +339,17 @@ int ImgCreateScanBuffers(DWORD rawBytes, DWORD stride, DWORD widthPx, DWORD line
         goto fail;
     g_dibLine = p;
     p = NULL;
-    if (!ImgAllocLocked(infoBytes, &g_scanInfoMem, &p))
-        goto fail;
-    g_scanInfo = p;
-    p = NULL;
-
-    windowDC = GetDC(g_targetWnd);
-    if (windowDC == NULL)
-        goto fail;
-    g_scanDC = CreateCompatibleDC(windowDC);
-    if (g_scanDC == NULL)
-        goto fail;
-
     /* The DIB section spans the whole stride; the header then says the real
        width, which every later read and write of the image uses. */
-    ImgPrepareScanHeader(g_scanInfo, (LONG)(stride * 8 / bitCount), (LONG)lines, colours, isColour);
-    if (!ImgMakeSlotBitmap(&scan, windowDC))
+    if (!ImgMakeScanSlot(&scan, infoBytes, (LONG)(stride * 8 / bitCount), (LONG)lines, colours, isColour))
         goto fail;
-    ReleaseDC(g_targetWnd, windowDC);
-    windowDC = NULL;
     g_scanInfo->bmiHeader.biWidth = (LONG)widthPx;
     BitBlt(g_scanDC, 0, 0, (int)widthPx, (int)lines, NULL, 0, 0, WHITENESS);
     g_scanBytes = lines * stride;
 
     if (g_dispReleased != 1) {
-        if (!ImgAllocLocked(infoBytes, &g_newDispInfoMem, &p))
+        if (!ImgMakeScanSlot(&newDisp, infoBytes, g_dstRect.width, g_dstRect.height, colours, isColour))
             goto fail;
-        g_newDispInfo = p;
-        p = NULL;
-        windowDC = GetDC(g_targetWnd);
-        if (windowDC == NULL)
-            goto fail;
-        g_newDispDC = CreateCompatibleDC(windowDC);
-        if (g_newDispDC == NULL)
-            goto fail;
-        ImgPrepareScanHeader(g_newDispInfo, g_dstRect.width, g_dstRect.height, colours, isColour);
-        if (!ImgMakeSlotBitmap(&newDisp, windowDC))
-            goto fail;
-        ReleaseDC(g_targetWnd, windowDC);
-        windowDC = NULL;
         BitBlt(g_newDispDC, 0, 0, g_dstRect.width, g_dstRect.height, NULL, 0, 0, WHITENESS);
         g_dispWidth = g_dstRect.width;
     }
@@ -360,8 +358,6 @@ int ImgCreateScanBuffers(DWORD rawBytes, DWORD stride, DWORD widthPx, DWORD line
 fail:
     /* A block that was allocated but could not be locked is still held by
        its handle alone. */
-    if (windowDC != NULL)
-        ReleaseDC(g_targetWnd, windowDC);
     ImgReleaseScanBuffers();
     return 0;
 }
