@@ -795,28 +795,37 @@ extern "C" BOOL WINAPI AdjustWindowRect(LPRECT rect, DWORD style, BOOL menu)
     return TRUE;
 }
 
-extern "C" BOOL WINAPI ClientToScreen(HWND hwnd, LPPOINT point)
+namespace
+{
+
+// Moves point from the window's client coordinates to the screen's, or back.
+BOOL MoveByClientOrigin(HWND hwnd, LPPOINT point, bool toScreen)
 {
     auto lock = LockWorld();
     auto w = CheckWindow(hwnd);
     if (!w || point == nullptr)
         return FALSE;
     POINT o = ClientOrigin(*w);
-    point->x += o.x;
-    point->y += o.y;
+    if (toScreen) {
+        point->x += o.x;
+        point->y += o.y;
+    } else {
+        point->x -= o.x;
+        point->y -= o.y;
+    }
     return TRUE;
+}
+
+} // namespace
+
+extern "C" BOOL WINAPI ClientToScreen(HWND hwnd, LPPOINT point)
+{
+    return MoveByClientOrigin(hwnd, point, true);
 }
 
 extern "C" BOOL WINAPI ScreenToClient(HWND hwnd, LPPOINT point)
 {
-    auto lock = LockWorld();
-    auto w = CheckWindow(hwnd);
-    if (!w || point == nullptr)
-        return FALSE;
-    POINT o = ClientOrigin(*w);
-    point->x -= o.x;
-    point->y -= o.y;
-    return TRUE;
+    return MoveByClientOrigin(hwnd, point, false);
 }
 
 extern "C" int WINAPI GetSystemMetrics(int index)
