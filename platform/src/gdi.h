@@ -231,6 +231,9 @@ struct BltArgs {
     COLORREF pattern = RGB(255, 255, 255);
     bool nullPattern = false;
 };
+// The destination half of a transfer onto d's surface, with d's brush as the
+// pattern; the source is left for the caller.
+BltArgs BltOnto(const Dc &d, int x, int y, int w, int h, DWORD rop, int stretchMode);
 // False (with ERROR_INVALID_PARAMETER) for an unsupported raster operation.
 bool Blt(const BltArgs &a);
 // Solid fill of a rectangle (right/bottom exclusive), clipped.

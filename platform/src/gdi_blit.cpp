@@ -155,6 +155,22 @@ bool KnownRop(DWORD rop)
 
 } // namespace
 
+BltArgs BltOnto(const Dc &d, int x, int y, int w, int h, DWORD rop, int stretchMode)
+{
+    BltArgs a;
+    a.dst = d.Target();
+    a.dstDc = &d;
+    a.x = x;
+    a.y = y;
+    a.w = w;
+    a.h = h;
+    a.rop = rop;
+    a.stretchMode = stretchMode;
+    a.pattern = d.brush ? d.brush->color : RGB(255, 255, 255);
+    a.nullPattern = !d.brush || d.brush->null;
+    return a;
+}
+
 bool Blt(const BltArgs &in)
 {
     if (!KnownRop(in.rop)) {
@@ -335,17 +351,7 @@ bool BltBetween(HDC dstDc, int x, int y, int w, int h, HDC srcDc, int sx, int sy
             return false;
     }
     std::lock_guard<std::mutex> g(GdiMutex());
-    BltArgs a;
-    a.dst = dst->Target();
-    a.dstDc = dst.get();
-    a.x = x;
-    a.y = y;
-    a.w = w;
-    a.h = h;
-    a.rop = rop;
-    a.stretchMode = stretch ? dst->stretchMode : COLORONCOLOR;
-    a.pattern = dst->brush ? dst->brush->color : RGB(255, 255, 255);
-    a.nullPattern = !dst->brush || dst->brush->null;
+    BltArgs a = BltOnto(*dst, x, y, w, h, rop, stretch ? dst->stretchMode : COLORONCOLOR);
     if (src) {
         a.src = src->Target();
         a.srcDc = src.get();

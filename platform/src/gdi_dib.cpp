@@ -265,23 +265,13 @@ extern "C" int WINAPI StretchDIBits(HDC dc, int x, int y, int width, int height,
         return 0;
     }
     std::lock_guard<std::mutex> g(GdiMutex());
-    BltArgs a;
-    a.dst = d->Target();
-    a.dstDc = d.get();
-    a.x = x;
-    a.y = y;
-    a.w = width;
-    a.h = height;
+    BltArgs a = BltOnto(*d, x, y, width, height, rop, d->stretchMode);
     a.src = &src;
     a.sx = srcX;
     // The origin of a bottom-up DIB is its lower-left corner.
     a.sy = src.topDown ? srcY : src.height - srcY - srcHeight;
     a.sw = srcWidth;
     a.sh = srcHeight;
-    a.rop = rop;
-    a.stretchMode = d->stretchMode;
-    a.pattern = d->brush ? d->brush->color : RGB(255, 255, 255);
-    a.nullPattern = !d->brush || d->brush->null;
     if (!Blt(a))
         return 0;
     return std::abs(srcHeight);
