@@ -153,6 +153,17 @@ bool KnownRop(DWORD rop)
            rop == WHITENESS;
 }
 
+// A negative extent starts at the other end and mirrors the transfer along
+// that axis: two mirrorings cancel.
+void MakeExtentPositive(int &origin, int &extent, bool &flip)
+{
+    if (extent < 0) {
+        origin += extent;
+        extent = -extent;
+        flip = !flip;
+    }
+}
+
 } // namespace
 
 BltArgs BltOnto(const Dc &d, int x, int y, int w, int h, DWORD rop, int stretchMode)
@@ -195,26 +206,10 @@ bool Blt(const BltArgs &in)
         return true;
 
     bool flipX = false, flipY = false;
-    if (a.w < 0) {
-        a.x += a.w;
-        a.w = -a.w;
-        flipX = !flipX;
-    }
-    if (a.h < 0) {
-        a.y += a.h;
-        a.h = -a.h;
-        flipY = !flipY;
-    }
-    if (a.sw < 0) {
-        a.sx += a.sw;
-        a.sw = -a.sw;
-        flipX = !flipX;
-    }
-    if (a.sh < 0) {
-        a.sy += a.sh;
-        a.sh = -a.sh;
-        flipY = !flipY;
-    }
+    MakeExtentPositive(a.x, a.w, flipX);
+    MakeExtentPositive(a.y, a.h, flipY);
+    MakeExtentPositive(a.sx, a.sw, flipX);
+    MakeExtentPositive(a.sy, a.sh, flipY);
 
     // Reading and writing the same pixels: work from a snapshot.
     Pixels snapshot;
