@@ -82,6 +82,32 @@ bool IdentityConversion(const Pixels &src, const Pixels &dst)
     return true;
 }
 
+// Copies `count` scan lines from `start` on between a bitmap and a caller's
+// buffer whose row k holds scan line start + k: the bitmap is dst when
+// `intoBitmap`, else src.
+void CopyScanLines(const Pixels &src, Pixels &dst, bool intoBitmap, bool bottomUp, int start, int count)
+{
+    Converter conv(src, nullptr, dst, nullptr);
+    bool identity = IdentityConversion(src, dst);
+    int width = std::min(src.width, dst.width);
+    int height = intoBitmap ? dst.height : src.height;
+    for (int k = 0; k < count; ++k) {
+        int row = BitmapRow(bottomUp, height, start, k);
+        CopyRow(src, intoBitmap ? k : row, dst, intoBitmap ? row : k, width, conv, identity);
+    }
+}
+
+// A caller's DIB as pixels; false (with ERROR_INVALID_PARAMETER) without bits
+// or with a header that cannot be used.
+bool WrapCallerDib(const BITMAPINFO *info, const void *bits, UINT usage, HDC dc, Pixels &px)
+{
+    if (!bits || !WrapDib(info, bits, usage, dc, px)) {
+        SetError(ERROR_INVALID_PARAMETER);
+        return false;
+    }
+    return true;
+}
+
 } // namespace
 
 namespace plat::gdi
@@ -213,11 +239,7 @@ extern "C" int WINAPI GetDIBits(HDC dc, HBITMAP bitmap, UINT start, UINT lines, 
     dst.topDown = true; // buffer row k holds scan line start + k
     dst.bits = static_cast<uint8_t *>(bits);
     std::memset(dst.bits, 0, static_cast<size_t>(dst.stride) * count);
-    Converter conv(src, nullptr, dst, nullptr);
-    bool identity = IdentityConversion(src, dst);
-    int width = std::min(src.width, dst.width);
-    for (int k = 0; k < count; ++k)
-        CopyRow(src, BitmapRow(bottomUp, src.height, static_cast<int>(start), k), dst, k, width, conv, identity);
+    CopyScanLines(src, dst, false, bottomUp, static_cast<int>(start), count);
     return count;
 }
 
@@ -232,10 +254,8 @@ extern "C" int WINAPI SetDIBits(HDC dc, HBITMAP bitmap, UINT start, UINT lines, 
         return 0;
     }
     Pixels src;
-    if (!bits || !WrapDib(info, bits, usage, dc, src)) {
-        SetError(ERROR_INVALID_PARAMETER);
+    if (!WrapCallerDib(info, bits, usage, dc, src))
         return 0;
-    }
     std::lock_guard<std::mutex> g(GdiMutex());
     Pixels &dst = *b->px;
     bool bottomUp = !src.topDown;
@@ -245,11 +265,7 @@ extern "C" int WINAPI SetDIBits(HDC dc, HBITMAP bitmap, UINT start, UINT lines, 
     int count = static_cast<int>(std::min<UINT>(lines, static_cast<UINT>(limit) - start));
     src.height = count;
     src.topDown = true; // buffer row k holds scan line start + k
-    Converter conv(src, nullptr, dst, nullptr);
-    bool identity = IdentityConversion(src, dst);
-    int width = std::min(src.width, dst.width);
-    for (int k = 0; k < count; ++k)
-        CopyRow(src, k, dst, BitmapRow(bottomUp, dst.height, static_cast<int>(start), k), width, conv, identity);
+    CopyScanLines(src, dst, true, bottomUp, static_cast<int>(start), count);
     return count;
 }
 
@@ -260,10 +276,8 @@ extern "C" int WINAPI StretchDIBits(HDC dc, int x, int y, int width, int height,
     if (!d)
         return 0;
     Pixels src;
-    if (!bits || !WrapDib(info, bits, usage, dc, src)) {
-        SetError(ERROR_INVALID_PARAMETER);
+    if (!WrapCallerDib(info, bits, usage, dc, src))
         return 0;
-    }
     std::lock_guard<std::mutex> g(GdiMutex());
     BltArgs a = BltOnto(*d, x, y, width, height, rop, d->stretchMode);
     a.src = &src;
@@ -285,10 +299,8 @@ extern "C" int WINAPI SetDIBitsToDevice(HDC dc, int x, int y, DWORD width, DWORD
     if (!d)
         return 0;
     Pixels band;
-    if (!bits || !WrapDib(info, bits, usage, dc, band)) {
-        SetError(ERROR_INVALID_PARAMETER);
+    if (!WrapCallerDib(info, bits, usage, dc, band))
         return 0;
-    }
     int lo = static_cast<int>(startScan), hi = static_cast<int>(startScan + lines);
     band.height = static_cast<int>(lines);
     int w = static_cast<int>(width), h = static_cast<int>(height);
