@@ -186,6 +186,24 @@ std::shared_ptr<Stream> FindStream(HANDLE h)
     return s;
 }
 
+// The common part of ReadFile and WriteFile: the stream behind the handle,
+// the caller's buffer, and the count of bytes moved.
+template <typename Move> BOOL Transfer(HANDLE file, const void *buffer, DWORD size, LPDWORD count, Move move)
+{
+    auto s = FindStream(file);
+    if (!s)
+        return FALSE;
+    if (!buffer && size) {
+        SetError(ERROR_NOACCESS);
+        return FALSE;
+    }
+    DWORD done = 0;
+    bool ok = move(*s, size, &done);
+    if (count)
+        *count = done;
+    return ok ? TRUE : FALSE;
+}
+
 std::string HostPath(LPCWSTR name)
 {
     std::string path = ToUtf8(name);
@@ -347,18 +365,8 @@ extern "C" BOOL WINAPI ReadFile(HANDLE file, LPVOID buffer, DWORD toRead, LPDWOR
         *read = 0;
     if (PLAT_FAIL(ReadFile, ERROR_READ_FAULT))
         return FALSE;
-    auto s = FindStream(file);
-    if (!s)
-        return FALSE;
-    if (!buffer && toRead) {
-        SetError(ERROR_NOACCESS);
-        return FALSE;
-    }
-    DWORD done = 0;
-    bool ok = s->Read(buffer, toRead, &done);
-    if (read)
-        *read = done;
-    return ok ? TRUE : FALSE;
+    return Transfer(file, buffer, toRead, read,
+                    [buffer](Stream &s, DWORD size, DWORD *done) { return s.Read(buffer, size, done); });
 }
 
 extern "C" BOOL WINAPI WriteFile(HANDLE file, LPCVOID buffer, DWORD toWrite, LPDWORD written, LPOVERLAPPED)
@@ -367,18 +375,8 @@ extern "C" BOOL WINAPI WriteFile(HANDLE file, LPCVOID buffer, DWORD toWrite, LPD
         *written = 0;
     if (PLAT_FAIL(WriteFile, ERROR_DISK_FULL))
         return FALSE;
-    auto s = FindStream(file);
-    if (!s)
-        return FALSE;
-    if (!buffer && toWrite) {
-        SetError(ERROR_NOACCESS);
-        return FALSE;
-    }
-    DWORD done = 0;
-    bool ok = s->Write(buffer, toWrite, &done);
-    if (written)
-        *written = done;
-    return ok ? TRUE : FALSE;
+    return Transfer(file, buffer, toWrite, written,
+                    [buffer](Stream &s, DWORD size, DWORD *done) { return s.Write(buffer, size, done); });
 }
 
 extern "C" DWORD WINAPI SetFilePointer(HANDLE file, LONG distance, PLONG distanceHigh, DWORD method)
