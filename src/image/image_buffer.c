@@ -297,21 +297,27 @@ static int ImgMakeScanSlot(const ImgSlotRefs *slot, DWORD infoBytes, LONG width,
     return ok;
 }
 
-static void ImgReleaseScanBuffers(void)
+/* Frees the DIB line, then the raw line. */
+static void ImgFreeLineBuffers(void)
 {
-    static const ImgSlotRefs newDisp = {&g_newDispInfoMem, &g_newDispInfo, &g_newDispBitmap, &g_newDispDC,
-                                        &g_newDispOldBitmap};
-    static const ImgSlotRefs scan = {&g_scanInfoMem, &g_scanInfo, &g_scanBitmap, &g_scanDC, &g_scanOldBitmap};
-    void *p;
+    void *p = g_dibLine;
 
-    ImgFreeSlotRefs(&newDisp);
-    ImgFreeSlotRefs(&scan);
-    p = g_dibLine;
     ImgFreeLocked(&g_dibLineMem, &p);
     g_dibLine = NULL;
     p = g_rawLine;
     ImgFreeLocked(&g_rawLineMem, &p);
     g_rawLine = NULL;
+}
+
+static void ImgReleaseScanBuffers(void)
+{
+    static const ImgSlotRefs newDisp = {&g_newDispInfoMem, &g_newDispInfo, &g_newDispBitmap, &g_newDispDC,
+                                        &g_newDispOldBitmap};
+    static const ImgSlotRefs scan = {&g_scanInfoMem, &g_scanInfo, &g_scanBitmap, &g_scanDC, &g_scanOldBitmap};
+
+    ImgFreeSlotRefs(&newDisp);
+    ImgFreeSlotRefs(&scan);
+    ImgFreeLineBuffers();
 }
 
 int ImgCreateScanBuffers(DWORD rawBytes, DWORD stride, DWORD widthPx, DWORD lines)
@@ -364,19 +370,12 @@ fail:
 
 void ImgFreeScanBuffers(int keep)
 {
-    void *p;
-
     if (!keep) {
         if (g_dispReleased != 1)
             ImgFreeSlot(&g_newDispInfoMem, &g_newDispInfo, &g_newDispBitmap, &g_newDispDC, &g_newDispOldBitmap);
         ImgFreeSlot(&g_scanInfoMem, &g_scanInfo, &g_scanBitmap, &g_scanDC, &g_scanOldBitmap);
     }
-    p = g_dibLine;
-    ImgFreeLocked(&g_dibLineMem, &p);
-    g_dibLine = NULL;
-    p = g_rawLine;
-    ImgFreeLocked(&g_rawLineMem, &p);
-    g_rawLine = NULL;
+    ImgFreeLineBuffers();
 }
 
 void ImgCommitScan(void)
