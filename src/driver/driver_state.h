@@ -138,6 +138,15 @@ typedef struct ScanReadParms {
     RECT rc;
 } ScanReadParms;
 
+/* One block of raw image data handed from a transport to the device layer.
+   Transport reads answer 0 (failure), 1 (delivered, more follows) or 2
+   (delivered, no more data). */
+typedef struct ReadBlock {
+    BYTE *data;     /* destination bytes */
+    DWORD capacity; /* bytes the destination can take */
+    DWORD count;    /* bytes delivered */
+} ReadBlock;
+
 /* What the save thread is handed. */
 typedef struct SaveRequest {
     HWND callback;    /* callback window of the save command */

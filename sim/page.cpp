@@ -1,0 +1,132 @@
+#include "page.h"
+
+#include <algorithm>
+
+namespace sim
+{
+
+namespace
+{
+
+// 4x4 ordered dither thresholds for halftone.
+constexpr uint8_t kBayer[4][4] = {{8, 136, 40, 168}, {200, 72, 232, 104}, {56, 184, 24, 152}, {248, 120, 216, 88}};
+
+bool IsColour(const LineFormat &f)
+{
+    return f.colorMode == 16;
+}
+
+int SampleBits(int colorStep)
+{
+    return colorStep == 16 ? 1 : std::clamp(colorStep, 1, 8);
+}
+
+// One channel value quantised to `bits` and placed in the top bits of a byte
+// (bits 1: 1 = dark, i.e. black).
+uint8_t Quantise(uint8_t value, int bits, bool halftone, long x, long y)
+{
+    if (bits == 1) {
+        uint8_t threshold = halftone ? kBayer[y & 3][x & 3] : 128;
+        return value < threshold ? 1 : 0;
+    }
+    return static_cast<uint8_t>(value >> (8 - bits));
+}
+
+} // namespace
+
+Rgb PageSample(long x, long y)
+{
+    // The glass is 8.5 x 11.69 inch; outside it the lid is white.
+    if (x < 0 || y < 0 || x >= 10200 || y >= 14028)
+        return {255, 255, 255};
+    // A black frame 1/10 inch wide around the page.
+    if (x < 120 || y < 120 || x >= 10080 || y >= 13908)
+        return {0, 0, 0};
+    // Top band: eight colour bars, one inch each.
+    if (y < 1320) {
+        int bar = static_cast<int>((x - 120) / 1200);
+        uint8_t r = (bar & 4) ? 255 : 0, g = (bar & 2) ? 255 : 0, b = (bar & 1) ? 255 : 0;
+        return {r, g, b};
+    }
+    // Middle band: a horizontal grey ramp, dark on the left.
+    if (y < 4920) {
+        auto v = static_cast<uint8_t>(std::clamp((x - 120) * 256 / 9960, 0L, 255L));
+        return {v, v, v};
+    }
+    // Lower part: a checkerboard of 1/4-inch squares in two tints.
+    bool odd = (((x - 120) / 300) + ((y - 4920) / 300)) & 1;
+    return odd ? Rgb{200, 60, 30} : Rgb{240, 240, 210};
+}
+
+void PackingOf(const LineFormat &f, int *p, int *q)
+{
+    *q = 1;
+    if (IsColour(f)) {
+        if (f.colorStep == 1 || f.colorStep == 16) {
+            *p = 2;
+        } else {
+            *p = 1;
+            *q = 3;
+        }
+        return;
+    }
+    int bits = SampleBits(f.colorStep);
+    *p = bits == 1 ? 8 : bits == 2 ? 4 : bits <= 4 ? 2 : 1;
+}
+
+long LineBytes(const LineFormat &f)
+{
+    int p, q;
+    PackingOf(f, &p, &q);
+    return (f.width + p - 1) / p * q;
+}
+
+int Passes(const LineFormat &f)
+{
+    return f.colorMode == 17 ? 3 : 1;
+}
+
+std::vector<uint8_t> PackLine(const LineFormat &f, long row, int pass)
+{
+    std::vector<uint8_t> line(static_cast<size_t>(LineBytes(f)), 0);
+    int p, q;
+    PackingOf(f, &p, &q);
+    const bool halftone = f.colorStep == 16;
+    const int bits = SampleBits(f.colorStep);
+    const long y1200 = row * 1200 / f.resolution;
+    for (long i = 0; i < f.width; ++i) {
+        const long x = f.left + i;
+        const Rgb c = PageSample(x * 1200 / f.resolution, y1200);
+        if (IsColour(f) && q == 3) {
+            uint8_t *px = &line[static_cast<size_t>(i * 3)];
+            px[0] = Quantise(c.r, bits, false, x, row) << (8 - bits);
+            px[1] = Quantise(c.g, bits, false, x, row) << (8 - bits);
+            px[2] = Quantise(c.b, bits, false, x, row) << (8 - bits);
+            continue;
+        }
+        uint8_t sample; // right-aligned value of this pixel's slot
+        int slotBits;
+        if (IsColour(f)) {
+            // Nibble with red, green, blue in bits 3, 2, 1 (1 = the colour is present).
+            sample = static_cast<uint8_t>(((1 - Quantise(c.r, 1, halftone, x, row)) << 3) |
+                                          ((1 - Quantise(c.g, 1, halftone, x, row)) << 2) |
+                                          ((1 - Quantise(c.b, 1, halftone, x, row)) << 1));
+            slotBits = 4;
+        } else {
+            uint8_t value = Grey(c);
+            if (f.colorMode == 17)
+                value = pass == 0 ? c.g : pass == 1 ? c.r : c.b;
+            slotBits = 8 / p;
+            sample = Quantise(value, bits, halftone, x, row);
+            if (bits == 1 && f.colorMode == 17)
+                sample ^= 1; // a pass sets the bit where its colour is present
+            if (bits > 1)
+                sample = static_cast<uint8_t>(sample << (slotBits - bits)); // level in the top bits of the slot
+        }
+        const long bit = (i % p) * slotBits;
+        line[static_cast<size_t>(i / p)] |= static_cast<uint8_t>(sample << (8 - slotBits - bit));
+    }
+    return line;
+}
+
+} // namespace sim
