@@ -28,7 +28,7 @@ HANDLE PortOpen(DWORD id, DWORD interfaceType, DWORD baudIndex);
 BOOL PortClose(void);
 BOOL PortWrite(const void *buffer, DWORD count);
 /* Formats with wvsprintfA into a 16-byte buffer and writes the result. */
-BOOL __cdecl PortWriteFormat(LPCSTR format, ...);
+BOOL WINAPIV PortWriteFormat(LPCSTR format, ...);
 /* count when all arrived, 0 on time-out, -1 on a line error. */
 int PortRead(void *buffer, int count, DWORD timeoutMs);
 /* RS-232C: clears the port's error state and purges both directions; 1 or 0.
