@@ -102,6 +102,13 @@ extern BYTE g_lineShiftMask;
 
 int ImgStoreLine(int store);
 
+/* ---- Scan thread ---- */
+/* Start routine of the scan thread; called directly under MCI_WAIT. Its
+   argument points at the scanread flags. */
+DWORD WINAPI ImgScanThread(LPVOID flags);
+/* Puts back the enable state of the scan-mode dialog's controls. */
+void ImgRestoreModeDlgControls(void);
+
 /* ---- Bitmap file writer ---- */
 DWORD ImgMapFileError(DWORD error);
 DWORD WINAPI ImgSaveThread(LPVOID request);
