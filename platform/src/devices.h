@@ -28,6 +28,9 @@ public:
     // in *position. Devices cannot seek.
     virtual bool Seek(int64_t distance, DWORD method, int64_t *position);
     virtual bool Size(uint64_t *size);
+    // DeviceIoControl; plain files fail with ERROR_INVALID_FUNCTION.
+    // `returned` is never null.
+    virtual bool Control(DWORD code, const void *in, DWORD inSize, void *out, DWORD outSize, DWORD *returned);
 };
 
 // Makes the object for an opened device, or returns null after setting the
