@@ -62,6 +62,11 @@ WINBASEAPI HMODULE PlatModuleFromAddress(const void *address);
    the main program). Also read from $TAMRIX_MODULE_PATH. */
 WINBASEAPI void PlatSetModuleSearchPath(const char *paths);
 
+/* Clipboard. Closes the clipboard, whichever thread has it open, and frees
+   what it holds (as EmptyClipboard would), so that tests can see the global
+   blocks and GDI objects handed to it go away. */
+WINBASEAPI void PlatResetClipboard(void);
+
 TAMRIX_EXTERN_C_END
 
 #endif

@@ -584,6 +584,10 @@ WINUSERAPI BOOL WINAPI EmptyClipboard(void);
 WINUSERAPI HANDLE WINAPI SetClipboardData(UINT format, HANDLE mem);
 WINUSERAPI HANDLE WINAPI GetClipboardData(UINT format);
 WINUSERAPI BOOL WINAPI IsClipboardFormatAvailable(UINT format);
+WINUSERAPI int WINAPI CountClipboardFormats(void);
+WINUSERAPI UINT WINAPI EnumClipboardFormats(UINT format);
+WINUSERAPI HWND WINAPI GetClipboardOwner(void);
+WINUSERAPI HWND WINAPI GetOpenClipboardWindow(void);
 
 /* Help */
 WINUSERAPI BOOL WINAPI WinHelpW(HWND wnd, LPCWSTR helpFile, UINT command, ULONG_PTR data);
