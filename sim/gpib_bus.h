@@ -9,6 +9,8 @@
 #include <cstddef>
 #include <cstdint>
 #include <memory>
+#include <string>
+#include <vector>
 
 namespace sim
 {
@@ -43,11 +45,75 @@ void DetachGpibDevice(int address);
 void DetachAllGpibDevices();
 // The board's own address, reported in byte 2 of the switch settings (low five bits).
 void SetGpibBoardAddress(int address);
-// Test hooks: the next calls of a library procedure (by its name, e.g.
-// "ReadGpib") fail; a procedure name made missing is not exported by the
-// library loaded next (GetProcAddress finds nothing).
-void FailGpibProcedure(const char *name, unsigned nth);
-void HideGpibProcedure(const char *name);
+// Wakes whoever waits on the bus (a reader waiting for a talker, a wait for
+// a service request): a device that gets data ready or raises SRQ outside
+// Listen() calls this. Waiters also look again every few milliseconds.
+void NotifyGpibBus();
+
+// ---- Test hooks ----------------------------------------------------------
+
+// One call of a library procedure as the board saw it.
+struct GpibCall {
+    std::string name;              // "ReadGpib"
+    std::vector<long> args;        // scalar arguments in order, the handle first
+    std::vector<uint8_t> commands; // interface command bytes given
+    std::vector<uint8_t> data;     // data written, or data read
+    long result = 0;               // the procedure's return value
+    unsigned long error = 0;       // last error set by a failing call, else 0
+};
+std::vector<GpibCall> GpibCalls();
+// The calls of one procedure only.
+std::vector<GpibCall> GpibCallsOf(const std::string &name);
+void ClearGpibCalls();
+// The nth next call (1 = the next) of the procedure `name` fails with its
+// failure value (-1 for "CreateGpib", 0 otherwise) and leaves `error` as the
+// last error (ERROR_GEN_FAILURE when 0).
+void FailGpibProcedure(const char *name, unsigned nth, unsigned long error = 0);
 void ResetGpibFaults();
+// Everything back to the start: the board closed if a test left it open,
+// no devices, board address 0, no record, no faults.
+void ResetGpibBus();
+
+// ---- The board, as the substitute library exports it ----------------------
+// The exported procedures of gpibdll only forward to these. The board is one
+// per process: it opens with board number 0 and a second open fails while
+// it is open. Time-outs are in tenths of a second (0 waits for nothing that
+// is not ready at once); the service-request wait value counts 10 ms units.
+namespace board
+{
+
+// Serial poll lists: `count` device addresses in, one status byte per device
+// out; `reserved` is not looked at.
+struct PollDevices {
+    uint32_t count;
+    uint8_t *addresses;
+};
+struct PollStatuses {
+    uint16_t reserved;
+    uint8_t *status;
+};
+// Completion code of a serial poll that got every status byte.
+constexpr uint32_t kPollComplete = 0x31;
+// Bits of switch byte 2 above the board address (system controller).
+constexpr uint8_t kSwitchController = 0x80;
+
+int Create(int boardNumber);
+int Close(int handle);
+int Initialize(int handle);
+int GetSwitch(int handle, uint8_t *switches);
+int SetTimeout(int handle, uint32_t tenths);
+int SetIfc(int handle, uint32_t duration);
+int SetRen(int handle, uint32_t on);
+int SetDelimiter(int handle, uint32_t delimiter);
+int Write(int handle, const uint8_t *commands, uint32_t commandCount, const uint8_t *data, uint32_t count,
+          uint32_t *transferred, uint32_t mode);
+int Read(int handle, const uint8_t *commands, uint32_t commandCount, uint8_t *buffer, uint32_t count,
+         uint32_t *transferred, uint32_t mode);
+int WriteCommand(int handle, const uint8_t *commands, uint32_t count, uint8_t *result);
+int SerialPoll(int handle, PollDevices *devices, PollStatuses *statuses, uint32_t *completion);
+int WaitSrq(int handle, uint16_t wait);
+int ControlSrq(int handle, uint32_t mode);
+
+} // namespace board
 
 } // namespace sim
