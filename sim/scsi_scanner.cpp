@@ -167,7 +167,8 @@ DWORD ScsiScanner::ControlLocked(DWORD code, const uint8_t *in, DWORD inSize, ui
 
     switch (code) {
     case kTestUnitReady:
-        return ERROR_SUCCESS;
+        // The unit is busy while a scan still has data to deliver.
+        return scanning_ && Remaining() ? ERROR_NOT_READY : ERROR_SUCCESS;
     case kModeSelect:
         if (in[0] != 0x0B || in[1] || in[2] || in[3] || in[4] != 0x03 || in[5] != 0x06 || in[6] != 0 ||
             Be16(in + 8) == 0) {

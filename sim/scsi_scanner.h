@@ -6,7 +6,8 @@
 // condition 5), turns the window back into a scan, and delivers the scan's
 // packed lines (sim::PackLine) one line at a time, split when the reader
 // asks for less. Model 6 scans only after SCAN; the others start on the
-// first read after the window was set.
+// first read after the window was set. TEST UNIT READY answers
+// ERROR_NOT_READY while a scan still has data to deliver.
 //
 // A line holds exactly what the driver's geometry counts over SCSI: the
 // window's width in pixels packed as sim::LineBytes says (bits, 2-bit
