@@ -5,6 +5,8 @@
 
 #include "base.h"
 
+#include <stdarg.h>
+
 TAMRIX_EXTERN_C_BEGIN
 
 /* ---- Errors ---- */
@@ -51,6 +53,7 @@ static inline LONG InterlockedDecrement(LONG volatile *addend)
 
 /* ---- Waitable objects ---- */
 #define INFINITE 0xFFFFFFFFu
+#define MAXDWORD 0xFFFFFFFFu
 #define WAIT_OBJECT_0 0x00000000u
 #define WAIT_ABANDONED 0x00000080u
 #define WAIT_TIMEOUT 0x00000102u
@@ -132,6 +135,7 @@ WINBASEAPI LPVOID WINAPI LockResource(HGLOBAL resData);
 WINBASEAPI DWORD WINAPI SizeofResource(HMODULE module, HRSRC resInfo);
 WINBASEAPI BOOL WINAPI FreeResource(HGLOBAL resData);
 WINBASEAPI int WINAPI LoadStringW(HINSTANCE instance, UINT id, LPWSTR buffer, int bufferMax);
+WINBASEAPI int WINAPI LoadStringA(HINSTANCE instance, UINT id, LPSTR buffer, int bufferMax);
 #define FindResource FindResourceW
 
 /* ---- Profile (win.ini, system.ini and private INI files) ---- */
@@ -168,6 +172,8 @@ WINBASEAPI UINT WINAPI GetWindowsDirectoryW(LPWSTR buffer, UINT size);
 #define INVALID_SET_FILE_POINTER ((DWORD)-1)
 
 WINBASEAPI HANDLE WINAPI CreateFileW(LPCWSTR fileName, DWORD access, DWORD shareMode, LPSECURITY_ATTRIBUTES sa,
+                                     DWORD disposition, DWORD flags, HANDLE templateFile);
+WINBASEAPI HANDLE WINAPI CreateFileA(LPCSTR fileName, DWORD access, DWORD shareMode, LPSECURITY_ATTRIBUTES sa,
                                      DWORD disposition, DWORD flags, HANDLE templateFile);
 WINBASEAPI BOOL WINAPI ReadFile(HANDLE file, LPVOID buffer, DWORD toRead, LPDWORD read, LPOVERLAPPED overlapped);
 WINBASEAPI BOOL WINAPI WriteFile(HANDLE file, LPCVOID buffer, DWORD toWrite, LPDWORD written, LPOVERLAPPED overlapped);
@@ -280,6 +286,7 @@ WINBASEAPI LPWSTR WINAPI lstrcatW(LPWSTR dst, LPCWSTR src);
 WINBASEAPI int WINAPI lstrcmpW(LPCWSTR a, LPCWSTR b);
 WINBASEAPI int WINAPI lstrcmpiW(LPCWSTR a, LPCWSTR b);
 WINBASEAPI int WINAPIV wsprintfW(LPWSTR out, LPCWSTR format, ...);
+WINBASEAPI int WINAPI wvsprintfA(LPSTR out, LPCSTR format, va_list args);
 
 #define CP_ACP 0
 #define CP_UTF8 65001
