@@ -51,6 +51,8 @@ public:
     // message loop then produces WM_PAINT for it once nothing else waits.
     bool needsPaint = false;
     RECT updateRect{};
+    bool eraseBackground = false; // the invalidation asked for WM_ERASEBKGND
+    int scrollPos[2]{};           // SB_HORZ, SB_VERT
 };
 
 // A message sent to a window of another thread, waiting for its reply.

@@ -327,6 +327,8 @@ typedef struct {
 #define DLGC_WANTTAB 0x0002
 #define DLGC_WANTALLKEYS 0x0004
 #define DLGC_WANTCHARS 0x0080
+#define SB_HORZ 0
+#define SB_VERT 1
 
 /* Dialog results and control identifiers */
 #define IDOK 1
@@ -504,6 +506,7 @@ WINUSERAPI HWND WINAPI GetDesktopWindow(void);
 WINUSERAPI DWORD WINAPI GetWindowThreadProcessId(HWND wnd, LPDWORD processId);
 WINUSERAPI BOOL WINAPI InvalidateRect(HWND wnd, const RECT *rect, BOOL erase);
 WINUSERAPI BOOL WINAPI ValidateRect(HWND wnd, const RECT *rect);
+WINUSERAPI BOOL WINAPI GetUpdateRect(HWND wnd, LPRECT rect, BOOL erase);
 WINUSERAPI BOOL WINAPI ClientToScreen(HWND wnd, LPPOINT point);
 WINUSERAPI BOOL WINAPI ScreenToClient(HWND wnd, LPPOINT point);
 WINUSERAPI int WINAPI GetSystemMetrics(int index);
@@ -556,6 +559,8 @@ WINUSERAPI UINT WINAPI IsDlgButtonChecked(HWND dlg, int id);
 WINUSERAPI BOOL WINAPI CheckRadioButton(HWND dlg, int first, int last, int check);
 WINUSERAPI HWND WINAPI GetNextDlgTabItem(HWND dlg, HWND ctl, BOOL previous);
 WINUSERAPI int WINAPI MessageBoxW(HWND owner, LPCWSTR text, LPCWSTR caption, UINT type);
+WINUSERAPI int WINAPI SetScrollPos(HWND wnd, int bar, int pos, BOOL redraw);
+WINUSERAPI int WINAPI GetScrollPos(HWND wnd, int bar);
 
 /* Painting */
 WINUSERAPI HDC WINAPI BeginPaint(HWND wnd, LPPAINTSTRUCT ps);
