@@ -150,16 +150,17 @@ HANDLE WINAPI SetClipboardData(UINT format, HANDLE data)
         plat::SetError(ERROR_INVALID_PARAMETER);
         return nullptr;
     }
-    if (!AcceptableData(format, data)) {
-        plat::SetError(ERROR_INVALID_HANDLE);
-        return nullptr;
-    }
     Entries replaced;
     {
         Clipboard &cb = Board();
         std::lock_guard<std::mutex> guard(cb.mutex);
         if (!OpenedByCaller(cb)) {
             plat::SetError(ERROR_CLIPBOARD_NOT_OPEN);
+            return nullptr;
+        }
+        // Looks the handle up in the object tables, which never call back here.
+        if (!AcceptableData(format, data)) {
+            plat::SetError(ERROR_INVALID_HANDLE);
             return nullptr;
         }
         auto it = std::find_if(cb.formats.begin(), cb.formats.end(), [&](const auto &e) { return e.first == format; });
