@@ -2,6 +2,7 @@
 // image slots: what lands on the clipboard, the bitmap file a save writes,
 // busy refusals, and clean-up after every failing step.
 #include "driver_fixture.h"
+#include "display/display.h"
 #include "support/image_fixture.h"
 
 #include <cstring>
@@ -73,6 +74,7 @@ protected:
             Sleep(1);
         PlatResetClipboard();
         ImgFreeImages();
+        g_displayWnd = nullptr;
         DriverTest::TearDown();
     }
 
@@ -114,11 +116,13 @@ TEST_F(CopySaveTest, CopyPutsTheImageAndItsPalette)
         SHORT mode, step;
         DWORD table, entries;
     };
+    g_displayWnd = MakeWindow();
     // 1-bit grey, 4-level grey (4 own entries in a 16-entry area), 24-bit.
     for (const Case &c : {Case{0, 1, 8, 2}, Case{0, 2, 64, 4}, Case{16, 8, 0, 256}}) {
         SCOPED_TRACE(c.step);
         MakeImage(c.mode, c.step);
         ASSERT_EQ(Copy(), 0u);
+        EXPECT_EQ(GetClipboardOwner(), g_displayWnd);
         ASSERT_TRUE(OpenClipboard(nullptr));
         HGLOBAL mem = GetClipboardData(CF_DIB);
         HPALETTE pal = (HPALETTE)GetClipboardData(CF_PALETTE);

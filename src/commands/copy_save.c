@@ -4,6 +4,7 @@
    refuse while a notified scan is pending. */
 #include "driver/driver_state.h"
 #include "image/image.h"
+#include "display/display.h"
 
 /* Clipboard block: movable and shareable, not zero-initialised. */
 #define COPY_CLIP_FLAGS (GMEM_MOVEABLE | GMEM_SHARE)
@@ -132,7 +133,7 @@ DWORD MciCopy(MCIDEVICEID deviceId, DWORD flags, LPVOID params)
     GlobalFree(palMem);
     GlobalUnlock(clipMem);
 
-    if (!OpenClipboard(g_targetWnd)) {
+    if (!OpenClipboard(g_displayWnd)) {
         GlobalFree(clipMem);
         DeleteObject(palette);
         return MCIERR_CREATEWINDOW;
