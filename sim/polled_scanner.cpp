@@ -96,8 +96,8 @@ uint8_t PolledScanner::SerialPoll()
         status = kStatusData;
     else if (phase_ != Phase::WarmingUp)
         status = static_cast<uint8_t>(kStatusIdle | (outPos_ < out_.size() ? kStatusData : 0));
-    status ^= flipBits_;
-    flipBits_ = 0;
+    if (flipAt_ && --flipAt_ == 0)
+        status ^= flipBits_;
     if (srq_)
         status |= kRqs;
     srq_ = false;
@@ -407,10 +407,11 @@ void PolledScanner::WrongStatusReply(const std::string &reply)
     wrongReplyArmed_ = true;
 }
 
-void PolledScanner::FlipStatusBits(uint8_t bits)
+void PolledScanner::FlipStatusBits(uint8_t bits, unsigned nth)
 {
     std::lock_guard<std::mutex> lock(mutex_);
     flipBits_ = bits;
+    flipAt_ = nth;
 }
 
 void PolledScanner::ShortenImage(size_t bytes)

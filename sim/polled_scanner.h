@@ -70,8 +70,9 @@ public:
     void RaiseServiceRequest();
     // The next "\eQ2" is answered with these bytes instead of "\eQ3".
     void WrongStatusReply(const std::string &reply);
-    // The next serial poll reports its status byte with these bits flipped.
-    void FlipStatusBits(uint8_t bits);
+    // The nth next serial poll (1 = the next) reports its status byte with
+    // these bits flipped.
+    void FlipStatusBits(uint8_t bits, unsigned nth = 1);
     // The next image ends this many bytes early (EOI on the last one sent).
     void ShortenImage(size_t bytes);
 
@@ -105,6 +106,7 @@ private:
     std::string wrongReply_;
     bool wrongReplyArmed_ = false;
     uint8_t flipBits_ = 0;
+    unsigned flipAt_ = 0;
     size_t shortenBy_ = 0;
 };
 

@@ -1,0 +1,252 @@
+// The polled dialect of model 7 over the real GP-IB transport and the
+// substitute board library, against the virtual model-7 scanner.
+#include "support/platform_fixture.h"
+
+#include "gpib_bus.h"
+#include "page.h"
+#include "polled_scanner.h"
+
+#include "image/image.h"
+#include "protocol/protocol.h"
+#include "transport/transport.h"
+
+#include <string>
+#include <vector>
+
+namespace
+{
+
+using Bytes = std::vector<uint8_t>;
+constexpr DWORD kAddress = 5;
+bool g_parametersSent = false; // the driver remembers the last resolution code per process
+
+ScanParams Params(SHORT resolution, SHORT x, SHORT y, SHORT width, SHORT length)
+{
+    ScanParams p{};
+    p.resolution = resolution;
+    p.areaX = x;
+    p.areaY = y;
+    p.areaWidth = width;
+    p.areaLength = length;
+    p.brightness = 5;
+    p.contrast = 5;
+    p.ditherPattern = 16;
+    p.gamma = 1;
+    p.colorStep = 1;
+    return p;
+}
+
+class PolledTest : public PlatformTest
+{
+protected:
+    void SetUp() override
+    {
+        PlatformTest::SetUp();
+        UseVirtualClock();
+        sim::ResetGpibBus();
+        PlatSetModuleSearchPath(TAMRIX_BUILD_DIR "/lib");
+        sim::AttachGpibDevice(kAddress, scanner);
+        saved = g_settings;
+        g_settings.model = 7;
+        g_settings.interfaceType = IF_GPIB;
+        ASSERT_NE(PortOpen(kAddress, IF_GPIB, 0), INVALID_HANDLE_VALUE);
+    }
+    void TearDown() override
+    {
+        ProtFinish();
+        EXPECT_TRUE(PortClose());
+        g_settings = saved;
+        sim::ResetGpibBus();
+        PlatSetModuleSearchPath(nullptr);
+        PlatformTest::TearDown();
+    }
+    bool Start() { return ProtStart(); }
+    // Parameters (after their ready check) and the messages they made.
+    std::vector<std::string> SendParams(const ScanParams &p, BOOL *ok)
+    {
+        size_t before = scanner->Commands().size();
+        g_parametersSent = true;
+        *ok = PollWaitReady() && PollSendScanParams(&p);
+        auto all = scanner->Commands();
+        return std::vector<std::string>(all.begin() + static_cast<long>(before) + 1, all.end());
+    }
+    std::shared_ptr<sim::PolledScanner> scanner = std::make_shared<sim::PolledScanner>();
+    DeviceSettings saved{};
+};
+
+std::string Cmd(char letter, char arg)
+{
+    return std::string{'\x1b', letter, arg};
+}
+
+TEST_F(PolledTest, ParametersBecomeTheScannersCommands)
+{
+    ASSERT_TRUE(Start());
+    BOOL ok = FALSE;
+    ScanParams p = Params(300, 300, 30, 600, 90);
+    p.contrast = 0;
+    p.brightness = 7;
+    p.edgeEnhance = 1;
+    p.gamma = 3;
+    auto sent = SendParams(p, &ok);
+    EXPECT_TRUE(ok);
+    const std::vector<std::string> want{Cmd('D', '7'),
+                                        Cmd('H', '1'),
+                                        std::string("\x1bP\0", 3),
+                                        Cmd('h', '7'),
+                                        Cmd('U', '1'),
+                                        Cmd('O', '0'),
+                                        Cmd('N', '0'),
+                                        Cmd('m', '3'),
+                                        Cmd('M', '1'),
+                                        std::string("\x1bX\0\0\xF0\0\x01\xE0", 8),
+                                        std::string("\x1bY\0\0\x18\0\0\x48", 8),
+                                        Cmd('K', '3'),
+                                        Cmd('K', '4'),
+                                        Cmd('K', '1'),
+                                        Cmd('J', '1')};
+    EXPECT_EQ(sent, want);
+
+    // Contrast codes, halftone patterns, and a resolution without a code.
+    struct Row {
+        SHORT resolution, contrast, step, pattern;
+        std::vector<std::string> head; // the messages before "\eh"
+    };
+    const Row rows[] = {
+        {100, 9, 16, 3, {Cmd('D', '7'), Cmd('H', '7'), Cmd('L', '3'), Cmd('P', '6')}},
+        {640, 1, 8, 16, {Cmd('D', 'C'), Cmd('P', '1')}},
+        {90, 3, 16, 32, {Cmd('D', '1'), Cmd('H', '9'), Cmd('P', '2')}},
+        {200, 6, 16, 16, {Cmd('D', '5'), Cmd('H', '8'), Cmd('P', '4')}},
+    };
+    for (const Row &row : rows) {
+        p = Params(row.resolution, 0, 0, 100, 100);
+        p.contrast = row.contrast;
+        p.colorStep = row.step;
+        p.ditherPattern = row.pattern;
+        sent = SendParams(p, &ok);
+        EXPECT_TRUE(ok);
+        sent.resize(row.head.size());
+        EXPECT_EQ(sent, row.head) << "resolution " << row.resolution;
+    }
+    EXPECT_TRUE(scanner->ProtocolErrors().empty()) << scanner->ProtocolErrors().front();
+}
+
+TEST_F(PolledTest, FirstResolutionWithoutCodeSendsZeroByte)
+{
+    if (g_parametersSent)
+        GTEST_SKIP() << "needs a process of its own, as ctest runs it";
+    ASSERT_TRUE(Start());
+    BOOL ok = FALSE;
+    auto sent = SendParams(Params(100, 0, 0, 100, 100), &ok);
+    EXPECT_TRUE(ok);
+    EXPECT_EQ(sent.at(0), std::string("\x1b"
+                                      "D\0",
+                                      3));
+}
+
+TEST_F(PolledTest, WholeImageArrivesBlockByBlockAndTotalsTheGeometry)
+{
+    // 90 dpi gives a line of whole width units; at 600 dpi the scanner has
+    // to describe the same total with another split.
+    for (ScanParams p : {Params(90, 20, 40, 101, 37), Params(600, 100, 300, 101, 21)}) {
+        ASSERT_TRUE(Start());
+        DWORD raw = 0, stride = 0, width = 0, lines = 0;
+        DWORD total = ImgComputeGeometry(&p, &raw, &stride, &width, &lines);
+        sim::ClearGpibCalls();
+        p.firstBlock = 1; // the block protocol sends the parameters and hands over
+
+        Bytes image, block(raw);
+        std::vector<int> results;
+        while (image.size() < total && results.size() <= lines) {
+            ReadBlock rb{block.data(), raw, 0};
+            results.push_back(ProtReadImage(&p, &rb));
+            p.firstBlock = 0;
+            image.insert(image.end(), block.begin(), block.begin() + rb.count);
+        }
+        std::vector<int> want(lines, 1);
+        want.back() = 2;
+        EXPECT_EQ(results, want) << p.resolution << " dpi";
+
+        sim::LineFormat f;
+        f.model = 7;
+        f.resolution = p.resolution;
+        f.left = p.areaX * 240 / p.resolution * p.resolution / 240;
+        f.width = static_cast<long>(width);
+        Bytes expected;
+        for (DWORD row = 0; row < lines; ++row) {
+            Bytes line = sim::PackLine(f, p.areaY * 240 / p.resolution * p.resolution / 240 + row);
+            expected.insert(expected.end(), line.begin(), line.end());
+        }
+        EXPECT_EQ(image, expected);
+        EXPECT_EQ(scanner->Commands().back(), Cmd('K', '0'));
+        std::vector<long> timeouts;
+        for (const auto &call : sim::GpibCallsOf("SetGpibTimeout"))
+            timeouts.push_back(call.args.back());
+        EXPECT_EQ(timeouts, (std::vector<long>{600, 100, 100, 10}));
+        EXPECT_TRUE(scanner->ProtocolErrors().empty()) << scanner->ProtocolErrors().front();
+    }
+}
+
+TEST_F(PolledTest, PendingRequestMakesTheReadyCheckFailOnce)
+{
+    ASSERT_TRUE(Start());
+    scanner->RaiseServiceRequest();
+    EXPECT_FALSE(PollWaitReady());
+    EXPECT_TRUE(PollWaitReady());
+    BYTE info[24];
+    scanner->RaiseServiceRequest();
+    EXPECT_FALSE(PollReadInfo(info));
+    EXPECT_TRUE(scanner->ProtocolErrors().empty()) << scanner->ProtocolErrors().front();
+}
+
+TEST_F(PolledTest, ScannerFaultsAndFailedTransfersGiveZero)
+{
+    // A scanner that is still warming up when the ready check comes.
+    scanner->SetWarmUpMs(12000);
+    EXPECT_FALSE(Start());
+    scanner->SetWarmUpMs(sim::PolledScanner::kDefaultWarmUpMs);
+
+    ASSERT_TRUE(Start());
+    scanner->WrongStatusReply("\x1bQ4");
+    EXPECT_FALSE(PollCheckStatus());
+    for (uint8_t flip : {0, +sim::PolledScanner::kStatusIdle}) {
+        ASSERT_TRUE(GpWrite("\x1bQ2", 3));
+        scanner->FlipStatusBits(flip);
+        EXPECT_EQ(PollSerialPoll(), flip ? 0 : 1);
+    }
+    EXPECT_TRUE(PollCheckStatus());
+
+    // Not idle after the device clear of the start.
+    scanner->FlipStatusBits(sim::PolledScanner::kStatusData);
+    EXPECT_FALSE(PollStart());
+
+    ScanParams p = Params(200, 0, 0, 64, 5);
+    ASSERT_TRUE(Start());
+    sim::FailGpibProcedure("WriteGpib", 12);
+    BOOL ok = TRUE;
+    SendParams(p, &ok);
+    EXPECT_FALSE(ok);
+
+    // Bit 4 still set after "\eR1": the first read fails before any data.
+    Bytes block(8);
+    ReadBlock rb{block.data(), 8, 0};
+    ASSERT_TRUE(Start());
+    SendParams(p, &ok);
+    ASSERT_TRUE(ok);
+    scanner->FlipStatusBits(sim::PolledScanner::kStatusIdle, 3); // status, information, reading
+    EXPECT_EQ(PollReadImage(&p, &rb), 0);
+    EXPECT_EQ(scanner->Commands().back(), Cmd('R', '1'));
+
+    // An image that ends early fails its last read.
+    ASSERT_TRUE(Start());
+    SendParams(p, &ok);
+    scanner->ShortenImage(3);
+    std::vector<int> results;
+    for (int i = 0; i < 5; ++i) {
+        rb.count = 0;
+        results.push_back(PollReadImage(&p, &rb));
+    }
+    EXPECT_EQ(results, (std::vector<int>{1, 1, 1, 1, 0}));
+}
+
+} // namespace
