@@ -207,6 +207,15 @@ TEST_F(PolledTest, ScannerFaultsAndFailedTransfersGiveZero)
     scanner->SetWarmUpMs(sim::PolledScanner::kDefaultWarmUpMs);
 
     ASSERT_TRUE(Start());
+    // The scanner records what it cannot take: a short window, an unknown
+    // command, a resolution code it lacks, a pattern without halftone.
+    for (const std::string &bad : {std::string("\x1bX\0\0", 4), std::string("\x1bZ1"),
+                                   std::string("\x1b"
+                                               "D0"),
+                                   std::string("\x1bL3")})
+        ASSERT_TRUE(GpWrite(bad.data(), static_cast<DWORD>(bad.size())));
+    EXPECT_EQ(scanner->ProtocolErrors().size(), 4u);
+
     scanner->WrongStatusReply("\x1bQ4");
     EXPECT_FALSE(PollCheckStatus());
     for (uint8_t flip : {0, +sim::PolledScanner::kStatusIdle}) {
