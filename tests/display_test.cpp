@@ -198,14 +198,17 @@ TEST_F(DisplayTest, PaintsCopyAtDestinationAndWhiteAroundIt)
     Update(g_displayWnd);
     EXPECT_EQ(Pixel(g_displayWnd, 110, 110), kWhite);
     EXPECT_EQ(Pixel(g_displayWnd, 30, 21), kGrey);
-    // Damage reaching past the destination's right edge is cut there.
+    // Damage reaching past the destination's right edge is cut there: the
+    // display DIB of a 33 pixel wide destination is 64 wide, and its unused
+    // right part is not drawn.
+    ASSERT_EQ(Put(MCI_ANIM_PUT_DESTINATION, 10, 20, 33, 8), 0u);
     Fill(g_displayWnd, kGrey);
     RECT across{12, 20, 100, 28};
     InvalidateRect(g_displayWnd, &across, TRUE);
     Update(g_displayWnd);
     EXPECT_EQ(Pixel(g_displayWnd, 12, 21), kBlack);
-    EXPECT_EQ(Pixel(g_displayWnd, 73, 21), kWhite);
-    EXPECT_EQ(Pixel(g_displayWnd, 80, 21), kWhite);
+    EXPECT_EQ(Pixel(g_displayWnd, 42, 21), kWhite);
+    EXPECT_EQ(Pixel(g_displayWnd, 50, 21), kWhite);
     EXPECT_EQ(Pixel(g_displayWnd, 11, 21), kGrey);
 }
 
