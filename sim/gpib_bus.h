@@ -51,6 +51,8 @@ void SetGpibBoardAddress(int address);
 void NotifyGpibBus();
 
 // ---- Test hooks ----------------------------------------------------------
+// A library that lacks "InitializeGpib" is built as <build>/lib/partial/gpibdll.so:
+// put that directory first on the module search path to load it as "GPIBDLL".
 
 // One call of a library procedure as the board saw it.
 struct GpibCall {
