@@ -87,7 +87,8 @@ TEST_F(DriverEntryTest, ConfigureIsRefusedWithoutShowingAnything)
     EXPECT_EQ(Send(0, DRV_CONFIGURE, (LPARAM)parent, (LPARAM)&wrongSize), 0);
     EXPECT_EQ(Send(0, DRV_CONFIGURE, 0, (LPARAM)&config), 0);
     EXPECT_EQ(Send(0, DRV_CONFIGURE, (LPARAM)parent, 0), 0);
-    // The spin-arrow class cannot be registered yet: refused the same way.
+    // The spin-arrow class cannot be registered: refused the same way.
+    PlatFailCall("RegisterClassW", 1, ERROR_NOT_ENOUGH_MEMORY);
     EXPECT_EQ(Send(0, DRV_CONFIGURE, (LPARAM)parent, (LPARAM)&config), 0);
     EXPECT_EQ(PlatLiveCount(PLAT_KIND_WINDOW), windows);
     EXPECT_EQ(Send(0, DRV_QUERYCONFIGURE), 1);

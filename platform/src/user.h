@@ -140,6 +140,14 @@ void RunGetMessageHooks(MSG *msg, UINT removeFlag);
 // handles, to be taken out of the handle table once the lock is released.
 std::vector<HHOOK> RemoveThreadHooks(DWORD threadId);
 
+// ---- Dialogs and controls ----------------------------------------------------
+// Extra bytes of a dialog window: DWLP_MSGRESULT, DWLP_DLGPROC, DWLP_USER.
+constexpr int kDialogExtra = 3 * static_cast<int>(sizeof(LONG_PTR));
+// Window procedure of the dialog class "#32770" (the default dialog processing).
+LRESULT CALLBACK DialogClassProc(HWND hwnd, UINT msg, WPARAM wParam, LPARAM lParam);
+// Adds the standard control classes and the dialog class (world lock held).
+void AddSystemClasses();
+
 // ---- Geometry ---------------------------------------------------------------
 // Widths of the non-client area of a window with these styles.
 RECT NonClientFrame(DWORD style, DWORD exStyle);

@@ -44,6 +44,7 @@ std::shared_ptr<WindowClass> FindClass(LPCWSTR name, HINSTANCE instance)
 {
     if (name == nullptr)
         return nullptr;
+    AddSystemClasses();
     for (auto &c : User().classes) {
         if (c->wc.hInstance == instance && Matches(*c, name))
             return c;
@@ -59,8 +60,12 @@ std::shared_ptr<WindowClass> FindClass(LPCWSTR name, HINSTANCE instance)
 
 using namespace plat;
 
+PLAT_INJECTABLE(RegisterClassW);
+
 extern "C" ATOM WINAPI RegisterClassW(const WNDCLASSW *wc)
 {
+    if (PLAT_FAIL(RegisterClassW, ERROR_NOT_ENOUGH_MEMORY))
+        return 0;
     if (wc == nullptr || wc->lpszClassName == nullptr || wc->cbClsExtra < 0 || wc->cbWndExtra < 0) {
         SetError(ERROR_INVALID_PARAMETER);
         return 0;

@@ -2,6 +2,7 @@
 #include "driver/driver_state.h"
 #include "device/device.h"
 #include "image/image.h"
+#include "config/config.h"
 
 /* Stops a notified scan that has started: the device layer waits for the
    reader to reach a block boundary and aborts the line; the timer procedure
@@ -167,18 +168,15 @@ DWORD MciCmdScanRead(MCIDEVICEID deviceId, DWORD flags, LPVOID params)
 
 DWORD MciCmdScanMode(MCIDEVICEID deviceId, DWORD flags, LPVOID params)
 {
-    const ScanModeParms *mode = (const ScanModeParms *)params;
+    ScanModeParms *mode = (ScanModeParms *)params;
+    LONG result;
 
-    (void)deviceId;
     if (!(flags & (SCANMODE_VALUE_FLAGS | MCI_SCANMODE_DIALOG)))
         return MCIERR_MISSING_PARAMETER;
     if ((flags & MCI_SCANMODE_COLORSTEP) && (flags & MCI_SCANMODE_HALFTONE))
         return MCIERR_FLAGS_NOT_COMPATIBLE;
     if (MciScanModeRefused())
         return MCIERR_COMMAND_ORDER;
-    /* The scan-mode dialog is not part of this build yet. */
-    if (flags & MCI_SCANMODE_DIALOG)
-        return MCIERR_UNSUPPORTED_FUNCTION;
 
     g_savedScanParams = g_scanParams;
     if (flags & SCANMODE_VALUE_FLAGS) {
@@ -186,5 +184,40 @@ DWORD MciCmdScanMode(MCIDEVICEID deviceId, DWORD flags, LPVOID params)
             return MCIERR_OUTOFRANGE;
         CfgApplyScanMode(flags, mode);
     }
-    return 0;
+    if (!(flags & MCI_SCANMODE_DIALOG))
+        return 0;
+    if (g_modeDlgWnd != NULL) {
+        CfgRefreshModeDialog(flags);
+        return 0;
+    }
+
+    MciWriteResult(&g_modeResult, -1);
+    g_modeRequest.flags = flags;
+    g_modeRequest.params = mode;
+    g_hModeOwner = GetActiveWindow();
+    if (flags & MCI_NOTIFY) {
+        /* Started suspended so that the handle is stored before the thread
+           can close it. */
+        g_hModeThread = CreateThread(NULL, 256, CfgModeSetThread, &g_modeRequest, CREATE_SUSPENDED, NULL);
+        if (g_hModeThread == NULL) {
+            MciWriteResult(&g_modeResult, MCIERR_CREATEWINDOW);
+        } else {
+            ResumeThread(g_hModeThread);
+        }
+    } else {
+        CfgModeSetThread(&g_modeRequest);
+    }
+
+    if (flags & MCI_WAIT) {
+        while (MciReadResult(&g_modeResult) < 0) {
+            if (mciDriverYield(deviceId) != 0)
+                break;
+        }
+    }
+
+    result = MciReadResult(&g_modeResult);
+    if (result <= 0)
+        return 0;
+    g_scanParams = g_savedScanParams;
+    return (DWORD)result;
 }

@@ -207,6 +207,7 @@ typedef struct {
 #define WM_ERASEBKGND 0x0014
 #define WM_SHOWWINDOW 0x0018
 #define WM_ACTIVATEAPP 0x001C
+#define WM_CANCELMODE 0x001F
 #define WM_SETCURSOR 0x0020
 #define WM_MOUSEACTIVATE 0x0021
 #define WM_GETMINMAXINFO 0x0024
@@ -327,8 +328,27 @@ typedef struct {
 #define DLGC_WANTTAB 0x0002
 #define DLGC_WANTALLKEYS 0x0004
 #define DLGC_WANTCHARS 0x0080
+#define DLGC_HASSETSEL 0x0008
+#define DLGC_DEFPUSHBUTTON 0x0010
+#define DLGC_UNDEFPUSHBUTTON 0x0020
+#define DLGC_RADIOBUTTON 0x0040
+#define DLGC_STATIC 0x0100
+#define DLGC_BUTTON 0x2000
+#define DM_GETDEFID (WM_USER + 0)
+#define DM_SETDEFID (WM_USER + 1)
+#define DC_HASDEFID 0x534B
+#define EM_REPLACESEL 0x00C2
 #define SB_HORZ 0
 #define SB_VERT 1
+#define SB_LINELEFT 0
+#define SB_LINERIGHT 1
+#define SB_PAGELEFT 2
+#define SB_PAGERIGHT 3
+#define SB_LEFT 6
+#define SB_RIGHT 7
+#define MK_LBUTTON 0x0001
+#define MK_RBUTTON 0x0002
+#define MK_SHIFT 0x0004
 
 /* Dialog results and control identifiers */
 #define IDOK 1
@@ -416,6 +436,7 @@ typedef struct {
 #define SM_CXFRAME 32
 #define SM_CYFRAME 33
 #define COLOR_WINDOW 5
+#define COLOR_WINDOWFRAME 6
 #define COLOR_WINDOWTEXT 8
 #define COLOR_BTNFACE 15
 #define COLOR_BTNSHADOW 16
@@ -559,8 +580,12 @@ WINUSERAPI UINT WINAPI IsDlgButtonChecked(HWND dlg, int id);
 WINUSERAPI BOOL WINAPI CheckRadioButton(HWND dlg, int first, int last, int check);
 WINUSERAPI HWND WINAPI GetNextDlgTabItem(HWND dlg, HWND ctl, BOOL previous);
 WINUSERAPI int WINAPI MessageBoxW(HWND owner, LPCWSTR text, LPCWSTR caption, UINT type);
+WINUSERAPI BOOL WINAPI MapDialogRect(HWND dlg, LPRECT rect);
+WINUSERAPI LONG WINAPI GetDialogBaseUnits(void);
 WINUSERAPI int WINAPI SetScrollPos(HWND wnd, int bar, int pos, BOOL redraw);
 WINUSERAPI int WINAPI GetScrollPos(HWND wnd, int bar);
+WINUSERAPI BOOL WINAPI SetScrollRange(HWND wnd, int bar, int minPos, int maxPos, BOOL redraw);
+WINUSERAPI BOOL WINAPI GetScrollRange(HWND wnd, int bar, LPINT minPos, LPINT maxPos);
 
 /* Painting */
 WINUSERAPI HDC WINAPI BeginPaint(HWND wnd, LPPAINTSTRUCT ps);
