@@ -59,6 +59,30 @@ std::shared_ptr<plat::Object> Waitable(HANDLE handle)
     return obj;
 }
 
+// Spinning: a thread that enters the critical section it has just left,
+// again and again, is polling state another thread must change (the way the
+// driver's stop waits for the reader). On Windows time passes while it
+// spins; under the virtual clock it would stand still and a thread waiting
+// on a time-out would never get on. So after every kSpinsPerMs re-entries
+// in a row the spinner waits 1 ms of platform time.
+constexpr unsigned kSpinsPerMs = 64;
+thread_local const void *t_lastLeft = nullptr;
+thread_local unsigned t_spins = 0;
+
+void NoteEntry(plat::Lock &lock, LPCRITICAL_SECTION cs)
+{
+    if (t_lastLeft != cs) {
+        t_spins = 0;
+        return;
+    }
+    t_lastLeft = nullptr;
+    if (++t_spins < kSpinsPerMs)
+        return;
+    t_spins = 0;
+    if (PlatIsVirtualClock())
+        plat::Wait(lock, 1, [] { return false; });
+}
+
 } // namespace
 
 PLAT_INJECTABLE(CreateEventW);
@@ -85,6 +109,7 @@ void WINAPI EnterCriticalSection(LPCRITICAL_SECTION cs)
 {
     DWORD me = plat::CurrentThread().id;
     plat::Lock lock = plat::LockWorld();
+    NoteEntry(lock, cs);
     CsImpl *impl = Impl(cs);
     plat::Wait(lock, INFINITE, [impl, me] { return impl->owner == 0 || impl->owner == me; });
     impl->owner = me;
@@ -119,6 +144,7 @@ void WINAPI LeaveCriticalSection(LPCRITICAL_SECTION cs)
         plat::WakeAll();
     }
     Publish(cs, *impl);
+    t_lastLeft = cs;
 }
 
 HANDLE WINAPI CreateEventW(LPSECURITY_ATTRIBUTES, BOOL manualReset, BOOL initialState, LPCWSTR)
