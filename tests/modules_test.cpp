@@ -122,21 +122,21 @@ TEST_F(ModulesTest, ReferenceCounts)
 
 TEST_F(ModulesTest, NameMappingAndSearchPath)
 {
-    // "GPIBDLL" is gpibdll.so in a directory of the search path, and a path
+    // "SCANAUX" is scanaux.so in a directory of the search path, and a path
     // with a Windows file name maps the file name.
     std::string dir = TempDir();
-    std::filesystem::copy_file(TAMRIX_BUILD_DIR "/lib/tamrix.so", dir + "/gpibdll.so");
+    std::filesystem::copy_file(TAMRIX_BUILD_DIR "/lib/tamrix.so", dir + "/scanaux.so");
     SetLastError(0);
-    EXPECT_EQ(LoadLibraryA("GPIBDLL"), nullptr);
+    EXPECT_EQ(LoadLibraryA("SCANAUX"), nullptr);
     EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_MOD_NOT_FOUND));
 
     PlatSetModuleSearchPath((std::string("/nonexistent:") + dir).c_str());
     {
-        Loaded gp(LoadLibraryA("GPIBDLL"));
-        ASSERT_NE(gp.get(), nullptr) << GetLastError();
-        Loaded byPath(LoadLibraryA((dir + "/GPIBDLL.DLL").c_str()));
-        EXPECT_EQ(byPath.get(), gp.get());
-        EXPECT_EQ(FileName(gp.get()), std::filesystem::canonical(dir + "/gpibdll.so").string());
+        Loaded aux(LoadLibraryA("SCANAUX"));
+        ASSERT_NE(aux.get(), nullptr) << GetLastError();
+        Loaded byPath(LoadLibraryA((dir + "/SCANAUX.DLL").c_str()));
+        EXPECT_EQ(byPath.get(), aux.get());
+        EXPECT_EQ(FileName(aux.get()), std::filesystem::canonical(dir + "/scanaux.so").string());
     }
 
     // A file that is not a loadable object.
