@@ -17,12 +17,6 @@ namespace
 
 using Bytes = std::vector<BYTE>;
 
-Bytes FileBytes(const std::string &path)
-{
-    std::ifstream f(path, std::ios::binary);
-    return Bytes(std::istreambuf_iterator<char>(f), {});
-}
-
 using ClipboardTest = PlatformTest;
 
 TEST_F(ClipboardTest, OneOpenerAndOwnershipOfTheData)
@@ -93,6 +87,7 @@ protected:
         ImgCommitScan();
         g_imageValid = 1;
     }
+    Bytes File() { return Bytes(std::istreambuf_iterator<char>(std::ifstream(dir_ / "img.bmp").rdbuf()), {}); }
     static Bytes ImageBits() { return tamrix_test::ReadDib(g_imageDC, g_imageBitmap, g_imageInfo->bmiHeader).bits; }
 
     DWORD Save(DWORD flags, HWND callback = nullptr)
@@ -112,37 +107,34 @@ protected:
 
 TEST_F(CopySaveTest, CopyPutsTheImageAndItsPalette)
 {
-    struct Case {
-        SHORT mode, step;
-        DWORD table, entries;
-    };
     g_displayWnd = MakeWindow();
     // 1-bit grey, 4-level grey (4 own entries in a 16-entry area), 24-bit.
-    for (const Case &c : {Case{0, 1, 8, 2}, Case{0, 2, 64, 4}, Case{16, 8, 0, 256}}) {
-        SCOPED_TRACE(c.step);
-        MakeImage(c.mode, c.step);
+    using Case = std::tuple<SHORT, SHORT, DWORD, DWORD>; // mode, step, table area, palette entries
+    for (auto [mode, step, table, entries] : {Case{0, 1, 8, 2}, Case{0, 2, 64, 4}, Case{16, 8, 0, 256}}) {
+        SCOPED_TRACE(step);
+        MakeImage(mode, step);
         ASSERT_EQ(Copy(), 0u);
         EXPECT_EQ(GetClipboardOwner(), g_displayWnd);
         ASSERT_TRUE(OpenClipboard(nullptr));
         HGLOBAL mem = GetClipboardData(CF_DIB);
         HPALETTE pal = (HPALETTE)GetClipboardData(CF_PALETTE);
-        ASSERT_EQ(GlobalSize(mem), 40 + c.table + g_imageBytes);
+        ASSERT_EQ(GlobalSize(mem), 40 + table + g_imageBytes);
         const BYTE *clip = (const BYTE *)GlobalLock(mem);
         BITMAPINFOHEADER want = g_imageInfo->bmiHeader;
         want.biClrUsed = 0;
         EXPECT_EQ(std::memcmp(clip, &want, 40), 0);
-        EXPECT_EQ(std::memcmp(clip + 40, g_imageInfo->bmiColors, c.entries == 256 ? 0 : 4 * c.entries), 0);
+        EXPECT_EQ(std::memcmp(clip + 40, g_imageInfo->bmiColors, entries == 256 ? 0 : 4 * entries), 0);
         Bytes bits = ImageBits();
-        EXPECT_EQ(Bytes(clip + 40 + c.table, clip + 40 + c.table + bits.size()), bits);
+        EXPECT_EQ(Bytes(clip + 40 + table, clip + 40 + table + bits.size()), bits);
         GlobalUnlock(mem);
 
         PALETTEENTRY e[256];
-        ASSERT_EQ(GetPaletteEntries(pal, 0, 256, e), c.entries);
-        if (c.entries == 256)
+        ASSERT_EQ(GetPaletteEntries(pal, 0, 256, e), entries);
+        if (entries == 256)
             EXPECT_EQ(std::vector<int>({e[9].peRed, e[9].peGreen, e[9].peBlue, e[255].peBlue}),
                       std::vector<int>({32, 32, 0, 192}));
         else
-            EXPECT_EQ(std::memcmp(e, g_imageInfo->bmiColors, 4 * c.entries), 0);
+            EXPECT_EQ(std::memcmp(e, g_imageInfo->bmiColors, 4 * entries), 0);
         EXPECT_TRUE(CloseClipboard());
     }
 }
@@ -184,7 +176,7 @@ TEST_F(CopySaveTest, SaveWithWaitAndWithNotify)
 {
     MakeImage(0, 1);
     ASSERT_EQ(Save(MCI_WAIT), 0u);
-    Bytes f = FileBytes(dir_ / "img.bmp"), bits = ImageBits();
+    Bytes f = File(), bits = ImageBits();
     ASSERT_EQ(f.size(), 62 + bits.size());
     EXPECT_EQ(Bytes(f.begin() + 62, f.end()), bits);
 
@@ -201,7 +193,7 @@ TEST_F(CopySaveTest, SaveWithWaitAndWithNotify)
     }
     EXPECT_EQ(codes, std::vector<UINT>{MCI_NOTIFY_SUCCESSFUL});
     EXPECT_EQ(g_saveBusy + g_timerActive, 0u);
-    EXPECT_EQ(FileBytes(dir_ / "img.bmp"), f);
+    EXPECT_EQ(File(), f);
 }
 
 } // namespace
