@@ -148,8 +148,16 @@ TEST_F(DeviceTest, StoppedScanIsAbortedOnTheWireAndHeardAsAborted)
         EXPECT_TRUE(TakeNotifications(app).empty());
         scanner_->SetFaults({});
     }
-    // The line is usable afterwards: the scanner answers the ready check.
+    // The line is usable afterwards: the scanner answers the ready check,
+    // and a scanner that stays silent is reported not ready.
     EXPECT_EQ(DevGetMode(), (DWORD)MCI_MODE_OPEN);
+    sim::BlockScanner::Faults silent;
+    silent.silent = true;
+    scanner_->SetFaults(silent);
+    EXPECT_EQ(DevGetMode(), (DWORD)MCI_MODE_NOT_READY);
+    g_imageValid = 1;
+    scanner_->SetFaults({});
+    EXPECT_EQ(DevGetMode(), (DWORD)MCI_MODE_STOP);
 }
 
 } // namespace

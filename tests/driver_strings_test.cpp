@@ -1,22 +1,18 @@
 // The driver's command layer as an application reaches it: command strings
-// through WINMM to the real tamrix.so. Opening needs a scanner, so the open
-// and close messages alone are answered in front of the driver; every other
-// command reaches the driver's dispatcher.
-#include "../platform/src/winmm.h"
+// through WINMM to the real tamrix.so, which opens the virtual scanner the
+// default settings name (a KS-650 on COM1).
 #include "support/platform_fixture.h"
+
+#include "block_scanner.h"
+#include "serial_link.h"
 
 #include <mmsystem.h>
 
+#include <memory>
 #include <string>
 
 namespace
 {
-
-bool AnswerOpenAndClose(HDRVR, UINT msg, LPARAM, LPARAM, LRESULT &result)
-{
-    result = 0;
-    return msg == MCI_OPEN_DRIVER || msg == MCI_CLOSE_DRIVER;
-}
 
 LRESULT CALLBACK PlainProc(HWND w, UINT m, WPARAM wp, LPARAM lp)
 {
@@ -29,8 +25,8 @@ protected:
     void SetUp() override
     {
         PlatformTest::SetUp();
+        UseVirtualClock();
         WritePrivateProfileStringW(TEXT("MCI32"), TEXT("Scanner"), TEXT("TAMRIX.DLL"), TEXT("system.ini"));
-        mm::SetDriverHook(AnswerOpenAndClose);
         WNDCLASSW wc{};
         wc.lpfnWndProc = PlainProc;
         wc.lpszClassName = u"DriverStringsTest";
@@ -43,7 +39,6 @@ protected:
         EXPECT_EQ(Send(u"close s wait"), 0u);
         DestroyWindow(wnd_);
         UnregisterClassW(u"DriverStringsTest", nullptr);
-        mm::SetDriverHook(nullptr);
         PlatformTest::TearDown();
     }
     DWORD Send(const char16_t *cmd, HWND callback = nullptr)
@@ -61,6 +56,8 @@ protected:
         return codes;
     }
     tamrix_test::TempDir windir_{true};
+    std::shared_ptr<sim::BlockScanner> scanner_ = std::make_shared<sim::BlockScanner>(5, 5);
+    sim::SerialLink link_{1, scanner_};
     HWND wnd_ = nullptr;
     WCHAR ret_[64];
 };
@@ -72,8 +69,17 @@ TEST_F(DriverStringsTest, DispatcherChecksAndRoutingFromCommandStrings)
     EXPECT_EQ(Send(u"info s wait"), DWORD(MCIERR_MISSING_PARAMETER));
     EXPECT_EQ(Send(u"info s product wait"), 0u);
     EXPECT_TRUE(std::u16string(ret_) == u"Ｋｏｒｖａｎｅ　イメージスキャナ");
-    // Handlers still to come answer "unsupported".
-    EXPECT_EQ(Send(u"scanread s wait"), DWORD(MCIERR_UNSUPPORTED_FUNCTION));
+    // The scanner is there: ready before a scan ("open" mode), a scan, then
+    // "stopped" mode; the default area of the model at its default
+    // resolution reached the scanner.
+    EXPECT_EQ(Send(u"status s scanner wait"), 0u);
+    EXPECT_TRUE(std::u16string(ret_) == u"530");
+    EXPECT_EQ(Send(u"scanread s wait"), 0u);
+    EXPECT_TRUE(scanner_->FinalAckSeen());
+    EXPECT_TRUE(scanner_->ProtocolErrors().empty());
+    EXPECT_EQ(Send(u"status s scanner wait"), 0u);
+    EXPECT_TRUE(std::u16string(ret_) == u"525");
+    EXPECT_EQ(Send(u"open scanner alias t wait"), DWORD(MCIERR_DEVICE_OPEN));
     // A keyword the table does not have never reaches the driver.
     EXPECT_EQ(Send(u"set s time format inch wait"), DWORD(MCIERR_UNRECOGNIZED_COMMAND));
 }

@@ -197,10 +197,3 @@ PENDING int PollReadImage(ScanParams *params, ReadBlock *block)
     (void)params, (void)block;
     return 0;
 }
-
-/* The display window's refresh, until the display lands. */
-int DispRefresh(void);
-PENDING int DispRefresh(void)
-{
-    return 0;
-}

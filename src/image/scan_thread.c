@@ -3,11 +3,9 @@
    device layer reads, and shown once, after the commit. With MCI_WAIT the
    same procedure runs on the caller's thread and returns. */
 #include "device/device.h"
+#include "display/display.h"
 #include "display/display_rects.h"
 #include "image/image.h"
-
-/* Rebuilds the display copy and shows it; 1, or 0 when the target window is gone. */
-int DispRefresh(void);
 
 /* The scan-mode dialog's controls whose enable state scanread saves, in
    the order of g_modeDlgEnableState. */

@@ -5,6 +5,8 @@
 #include <mmsystem.h>
 #include <tamrix/platform.h>
 
+#include "virtual_scanner.h"
+
 #include <unistd.h>
 
 #include <cerrno>
@@ -14,6 +16,7 @@
 #include <filesystem>
 #include <fstream>
 #include <iostream>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -44,6 +47,15 @@ const char kHelp[] = "usage: mcicmd [options] [COMMAND...]\n"
                      "  --install           install the driver through its DRV_INSTALL message\n"
                      "                      (OpenDriver/SendDriverMessage) before running commands\n"
                      "  --timeout MS        time limit of .wait (default 30000)\n"
+                     "  --scanner SPEC      configure the scanner in win.ini [TAMRIX] before running:\n"
+                     "                      MODEL[:INTERFACE[:ID]], MODEL 1..7 or KS-610..KS-660,\n"
+                     "                      KT-700; INTERFACE scsi, rs232c or gpib; ID the COM port\n"
+                     "                      (1..9) or GP-IB address (0..30); e.g. ks-620:gpib:5\n"
+                     "  --no-scanner        attach no virtual scanner (commands that reach the\n"
+                     "                      scanner then fail as with a scanner switched off)\n"
+                     "  --real-time         let the scanners' mandated waits (9 s after start, time-\n"
+                     "                      outs) take real time; by default they pass at once on a\n"
+                     "                      virtual clock while a virtual scanner is attached\n"
                      "  -h, --help          show this text\n"
                      "\n"
                      "Meta-commands (in scripts and interactive input):\n"
@@ -54,10 +66,10 @@ const char kHelp[] = "usage: mcicmd [options] [COMMAND...]\n"
                      "\n"
                      "The driver module tamrix.so is looked for next to mcicmd, in ../lib and in\n"
                      "$TAMRIX_MODULE_PATH. The default Windows directory has the driver entered\n"
-                     "(system.ini [MCI32] Scanner=TAMRIX.DLL); a virtual scanner to scan from is\n"
-                     "not configured there yet (the virtual scanners are not part of this build),\n"
-                     "so commands that reach the scanner fail until one is configured in\n"
-                     "win.ini [TAMRIX] or a real one is attached.\n";
+                     "(system.ini [MCI32] Scanner=TAMRIX.DLL). Unless --no-scanner is given, a\n"
+                     "virtual scanner of the model win.ini [TAMRIX] names (default: KS-650 on\n"
+                     "RS-232C, COM1) is attached to the interface the driver will open, and\n"
+                     "speaks that scanner's wire protocol; a line on standard error says which.\n";
 
 HWND g_wnd;
 int g_pending; // notify commands not yet answered
@@ -127,6 +139,9 @@ struct Options {
     bool keepGoing = false;
     bool install = false;
     DWORD timeout = 30000;
+    std::string scanner;
+    bool noScanner = false;
+    bool realTime = false;
 };
 
 bool HasWord(const std::string &line, const char *word)
@@ -264,6 +279,15 @@ int ParseOptions(int argc, char **argv, Options &opt)
             opt.keepGoing = true;
         } else if (a == "--install") {
             opt.install = true;
+        } else if (a == "--no-scanner") {
+            opt.noScanner = true;
+        } else if (a == "--real-time") {
+            opt.realTime = true;
+        } else if (a == "--scanner") {
+            const char *v = value("--scanner");
+            if (!v)
+                return 2;
+            opt.scanner = v;
         } else if (a == "-f" || a == "--file") {
             const char *v = value("-f");
             if (!v)
@@ -299,6 +323,26 @@ int main(int argc, char **argv)
     SetUpModulePath();
     if (!SetUpWindowsDirectory(opt))
         return 2;
+    if (!opt.scanner.empty()) {
+        mcicmd::ScannerChoice choice;
+        std::string error;
+        if (!mcicmd::ParseScannerChoice(opt.scanner, &choice, &error)) {
+            std::fprintf(stderr, "mcicmd: --scanner: %s\n", error.c_str());
+            return 2;
+        }
+        mcicmd::StoreScannerChoice(choice);
+    }
+    std::unique_ptr<mcicmd::VirtualScanner> scanner;
+    if (!opt.noScanner) {
+        scanner = std::make_unique<mcicmd::VirtualScanner>(mcicmd::ReadScannerChoice());
+        if (!scanner->attached()) {
+            std::fprintf(stderr, "mcicmd: cannot attach the %s\n", scanner->description().c_str());
+            return 2;
+        }
+        std::fprintf(stderr, "mcicmd: %s\n", scanner->description().c_str());
+        if (!opt.realTime)
+            PlatUseVirtualClock(TRUE);
+    }
 
     HINSTANCE self = GetModuleHandleW(nullptr);
     WNDCLASSW wc{};
@@ -342,7 +386,12 @@ int main(int argc, char **argv)
                 std::fflush(stdout);
             }
             std::string line;
-            if (!std::getline(std::cin, line))
+            // Reading the terminal blocks outside the platform: the virtual
+            // clock may move on meanwhile.
+            PlatBeginExternalWait();
+            bool got = static_cast<bool>(std::getline(std::cin, line));
+            PlatEndExternalWait();
+            if (!got)
                 break;
             if (!run(line) && !tty)
                 break;
