@@ -1,22 +1,25 @@
 #!/usr/bin/env bash
 # Scans one page from the built-in virtual scanner into a BMP file:
-#   tools/scan.sh [page.bmp]
+#   tools/scan.sh [page.bmp] [SCANNER]
+# SCANNER is mcicmd's --scanner value (default ks-650:rs232c:1, a colour
+# scanner on COM1); for example ks-620:gpib:5, ks-640:scsi or kt-700:gpib:2.
 # Builds what it needs first.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 out=${1:-page.bmp}
+scanner=${2:-ks-650:rs232c:1}
+case "$out" in /*) ;; *) out="$PWD/$out" ;; esac
 tools/deps.sh
 cmake --preset host >/dev/null
-cmake --build --preset host --target mcicmd tamrix >/dev/null
+cmake --build --preset host --target mcicmd tamrix gpibdll >/dev/null
 
-# The scan path (device layer, virtual scanners, scan thread) is not built
-# yet: until it is, this runs the shell against the driver and shows how far
-# a scan gets.
-echo "note: scanning is not available yet; the virtual scanners and the scan path are still to be built." >&2
-echo "      Running the command sequence a scan will use, to show the driver answering:" >&2
-build/host/bin/mcicmd --keep-going \
+# A Windows directory of its own, so the user's settings stay untouched.
+windir=$(mktemp -d)
+trap 'rm -rf "$windir"' EXIT
+build/host/bin/mcicmd --windir "$windir" --install --scanner "$scanner" \
     "open scanner alias s wait" \
     "info s product wait" \
     "scanread s wait" \
     "save s \"$out\" wait" \
-    "close s wait" || true
+    "close s wait"
+echo "wrote $out"

@@ -185,9 +185,13 @@ BOOL WINAPI TerminateThread(HANDLE thread, DWORD exitCode)
             return TRUE;
         if (object->state->id != plat::CurrentThread().id) {
             // The thread ends at its next wait (every blocking call waits).
+            // As on Windows, it runs no more of its code once this returns:
+            // the caller may unload the module the thread was running in.
             object->state->terminateCode = exitCode;
             object->state->terminateRequested = true;
             plat::WakeAll();
+            if (object->suspendCount == 0)
+                plat::Wait(lock, INFINITE, [&object] { return object->finished; });
             return TRUE;
         }
     }

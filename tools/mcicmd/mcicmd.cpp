@@ -330,6 +330,9 @@ int main(int argc, char **argv)
             std::fprintf(stderr, "mcicmd: --scanner: %s\n", error.c_str());
             return 2;
         }
+        if (choice.model == 7)
+            std::fprintf(stderr, "mcicmd: note: the settings cannot select the KT-700 (model 7); the driver reads "
+                                 "model 7 as the KS-650\n");
         mcicmd::StoreScannerChoice(choice);
     }
     std::unique_ptr<mcicmd::VirtualScanner> scanner;
