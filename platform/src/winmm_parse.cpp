@@ -42,6 +42,9 @@ char16_t Fold(char16_t c)
     return (c >= u'A' && c <= u'Z') ? static_cast<char16_t>(c - u'A' + u'a') : c;
 }
 
+// Characters a string argument's buffer holds at least.
+constexpr size_t kMinStringRoom = 256;
+
 bool EqualNoCase(const std::u16string &a, const std::u16string &b)
 {
     if (a.size() != b.size())
@@ -442,7 +445,12 @@ DWORD ParseCommand(const std::vector<BYTE> &table, const std::u16string &verb, c
             if (err)
                 return err;
             if (e.type == MCI_STRING) {
+                // Drivers may copy a fixed-size name buffer from the
+                // pointer whatever the name's length: keep room (zeros)
+                // behind a short string for that.
                 out.strings.push_back(std::make_unique<std::u16string>(tok));
+                if (out.strings.back()->size() < kMinStringRoom)
+                    out.strings.back()->resize(kMinStringRoom, u'\0');
                 Put<LPCWSTR>(out, hit->field, out.strings.back()->c_str());
             } else {
                 int32_t n = 0;
