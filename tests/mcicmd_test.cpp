@@ -2,6 +2,8 @@
 // Windows directory.
 #include "support/platform_fixture.h"
 
+#include "page.h"
+
 #include <sys/wait.h>
 
 #include <cstdio>
@@ -78,6 +80,60 @@ TEST_F(McicmdTest, NotificationsArePrintedAsTheyArrive)
     r = Mcicmd("\"open echo alias e wait\" \"status e bogus notify\" .wait \"close e wait\"");
     EXPECT_NE(r.status, 0);
     EXPECT_EQ(r.out.find("notify:"), std::string::npos) << r.out;
+}
+
+// A page scanned from the virtual scanner on each interface, as the README's
+// scan does it, and read back from the saved file by another program. The
+// scan is 400 x 800 dots at 200 dpi from (100, 100): its pixels show the
+// chart on the glass, thresholded (two levels, or eight colours).
+TEST_F(McicmdTest, ScansAPageOnEachInterfaceIntoABitmapFile)
+{
+    int st = system("/usr/bin/python3 -c 'import PIL' 2>/dev/null");
+    if (st != 0)
+        GTEST_SKIP() << "python3 with PIL is not installed: cannot read the file back";
+    struct Case {
+        const char *scanner;
+        bool colour;
+    } cases[] = {{"ks-650:rs232c:2", true}, {"ks-620:gpib:5", false}, {"ks-640:scsi", true}};
+    const int points[][2] = {{250, 50}, {0, 750}, {50, 750}, {399, 799}, {0, 0}};
+    for (const Case &c : cases) {
+        SCOPED_TRACE(c.scanner);
+        const std::string bmp = dir_ / "page.bmp";
+        Outcome r = Mcicmd(std::string("--install --scanner ") + c.scanner +
+                           " \"open scanner alias s wait\" \"scanmode s resolution 200 wait\""
+                           " \"scanread s rect 100 100 400 800 wait\" \"save s " +
+                           bmp + " wait\" \"close s wait\"");
+        ASSERT_EQ(r.status, 0) << r.err;
+        std::string pixels =
+            "/usr/bin/python3 -c \"import sys; from PIL import Image; im = "
+            "Image.open(sys.argv[1]).convert('RGB'); print(*im.size); "
+            "[print(*im.getpixel((int(a), int(b)))) for a, b in zip(sys.argv[2::2], sys.argv[3::2])]\" " +
+            bmp;
+        for (const auto &p : points)
+            pixels += " " + std::to_string(p[0]) + " " + std::to_string(p[1]);
+        std::string text;
+        PlatBeginExternalWait();
+        if (FILE *f = popen(pixels.c_str(), "r")) {
+            char buf[256];
+            while (fgets(buf, sizeof buf, f))
+                text += buf;
+            pclose(f);
+        }
+        PlatEndExternalWait();
+        std::string expected = "400 800\n";
+        for (const auto &p : points) {
+            sim::Rgb v = sim::PageSample((100 + p[0]) * 6, (100 + p[1]) * 6);
+            auto on = [](int x) { return x >= 128 ? 255 : 0; };
+            if (c.colour)
+                expected += std::to_string(on(v.r)) + " " + std::to_string(on(v.g)) + " " + std::to_string(on(v.b));
+            else
+                expected += std::to_string(on(sim::Grey(v))) + " " + std::to_string(on(sim::Grey(v))) + " " +
+                            std::to_string(on(sim::Grey(v)));
+            expected += "\n";
+        }
+        EXPECT_EQ(text, expected);
+        std::remove(bmp.c_str());
+    }
 }
 
 } // namespace
