@@ -415,6 +415,8 @@ extern "C" INT_PTR WINAPI DialogBoxParamW(HINSTANCE instance, LPCWSTR templateNa
     }
     if (disableOwner)
         EnableWindow(owner, TRUE);
+    while (PeekMessageW(&msg, dlg, WM_NULL, WM_NULL, PM_REMOVE)) {
+    }
     if (IsWindow(dlg))
         DestroyWindow(dlg);
     return result;
@@ -433,7 +435,8 @@ extern "C" BOOL WINAPI EndDialog(HWND dlg, INT_PTR result)
         it->second.result = result;
     }
     // The dialog disappears at once; a modal loop sees the end after the
-    // message it is handling, and the null message wakes it if it waits.
+    // message it is handling, and the null message wakes it when the end
+    // came from a message sent to it while it waited.
     ShowWindow(dlg, SW_HIDE);
     PostMessageW(dlg, WM_NULL, 0, 0);
     return TRUE;
