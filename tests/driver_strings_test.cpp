@@ -102,4 +102,25 @@ TEST_F(DriverStringsTest, CapabilityWithWaitAndWithNotify)
     EXPECT_EQ(Send(u"capability s can save notify", gone), DWORD(MCIERR_MISSING_PARAMETER));
 }
 
+// Close during a notified scan stops it through the internal stop: the
+// scanner gets the abort, the scan's callback hears "aborted" once, and
+// close succeeds.
+TEST_F(DriverStringsTest, CloseStopsANotifiedScan)
+{
+    sim::BlockScanner::Faults slow;
+    slow.lateMs = 40;
+    scanner_->SetFaults(slow);
+    EXPECT_EQ(Send(u"scanread s notify", wnd_), 0u);
+    Sleep(12000); // the start and some lines
+    EXPECT_EQ(Send(u"status s scanner wait"), 0u);
+    EXPECT_TRUE(std::u16string(ret_) == u"1281") << "scanning";
+    EXPECT_EQ(Send(u"close s wait"), 0u);
+    EXPECT_EQ(scanner_->Dc4Count(), 1);
+    EXPECT_TRUE(scanner_->ProtocolErrors().empty());
+    Sleep(3000); // no timer is left to deliver anything more
+    EXPECT_TRUE(Notifications(wnd_) == u"4") << "one MCI_NOTIFY_ABORTED";
+    scanner_->SetFaults({});
+    EXPECT_EQ(Send(u"open scanner alias s wait"), 0u);
+}
+
 } // namespace
