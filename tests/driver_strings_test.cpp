@@ -80,6 +80,11 @@ TEST_F(DriverStringsTest, DispatcherChecksAndRoutingFromCommandStrings)
     EXPECT_EQ(Send(u"status s scanner wait"), 0u);
     EXPECT_TRUE(std::u16string(ret_) == u"525");
     EXPECT_EQ(Send(u"open scanner alias t wait"), DWORD(MCIERR_DEVICE_OPEN));
+    // The image goes to the application's window through the paint hook;
+    // close (in TearDown) removes the hook with everything else.
+    std::string handle = std::to_string(reinterpret_cast<uintptr_t>(wnd_));
+    EXPECT_EQ(Send((u"window s handle " + std::u16string(handle.begin(), handle.end()) + u" wait").c_str()), 0u);
+    EXPECT_EQ(PlatLiveCount(PLAT_KIND_HOOK), 1);
     // A keyword the table does not have never reaches the driver.
     EXPECT_EQ(Send(u"set s time format inch wait"), DWORD(MCIERR_UNRECOGNIZED_COMMAND));
 }

@@ -166,10 +166,27 @@ bool ReadWindowSurface(HWND wnd, int *width, int *height, std::vector<uint8_t> *
     return true;
 }
 
+// Window DCs handed out by GetDC and not yet released, by window.
+static std::multimap<HWND, uintptr_t> &OutstandingWindowDcs()
+{
+    static std::multimap<HWND, uintptr_t> dcs;
+    return dcs;
+}
+
 void DropWindowSurface(HWND wnd)
 {
-    std::lock_guard<std::mutex> g(GdiMutex());
-    Surfaces().erase(wnd);
+    // A destroyed window's DCs go with it, released or not.
+    std::vector<uintptr_t> dcs;
+    {
+        std::lock_guard<std::mutex> g(GdiMutex());
+        Surfaces().erase(wnd);
+        auto range = OutstandingWindowDcs().equal_range(wnd);
+        for (auto it = range.first; it != range.second; ++it)
+            dcs.push_back(it->second);
+        OutstandingWindowDcs().erase(wnd);
+    }
+    for (uintptr_t dc : dcs)
+        RemoveHandle(dc);
 }
 
 } // namespace plat::gdi
@@ -222,7 +239,12 @@ static HDC WindowDc(HWND wnd)
         dc->surface = surface;
     }
     InitDc(*dc);
-    return PublishDc(dc);
+    HDC handle = PublishDc(dc);
+    if (wnd && handle) {
+        std::lock_guard<std::mutex> g(GdiMutex());
+        OutstandingWindowDcs().emplace(wnd, reinterpret_cast<uintptr_t>(handle));
+    }
+    return handle;
 }
 
 extern "C" HDC WINAPI GetDC(HWND wnd)
@@ -240,6 +262,15 @@ extern "C" int WINAPI ReleaseDC(HWND, HDC dc)
     auto d = Find<Dc>(dc);
     if (!d || d->memory)
         return 0;
+    if (d->wnd) {
+        std::lock_guard<std::mutex> g(GdiMutex());
+        auto range = OutstandingWindowDcs().equal_range(d->wnd);
+        for (auto it = range.first; it != range.second; ++it)
+            if (it->second == reinterpret_cast<uintptr_t>(dc)) {
+                OutstandingWindowDcs().erase(it);
+                break;
+            }
+    }
     RemoveHandle(reinterpret_cast<uintptr_t>(dc));
     return 1;
 }

@@ -2,6 +2,7 @@
 // window fields, geometry, activation and focus, DefWindowProcW.
 #include <windows.h>
 
+#include "gdi.h"
 #include "user.h"
 
 #include <algorithm>
@@ -102,6 +103,7 @@ void FreeWindow(HWND hwnd)
         WakeAll();
     }
     RemoveHandle(reinterpret_cast<uintptr_t>(hwnd));
+    gdi::DropWindowSurface(hwnd);
 }
 
 // WM_DESTROY goes to a window before its children, WM_NCDESTROY after them.

@@ -109,6 +109,12 @@ DWORD MciClose(MCIDEVICEID deviceId, DWORD flags, LPVOID params)
 
     ImgFreeImages();
 
+    /* An application window that is still the target keeps the paint hook
+       installed; it must not outlive the device (nor the library). */
+    if (g_paintHook != NULL) {
+        UnhookWindowsHookEx(g_paintHook);
+        g_paintHook = NULL;
+    }
     DestroyWindow(g_displayWnd);
     g_displayWnd = NULL;
     g_targetWnd = NULL;
