@@ -10,17 +10,23 @@
 /* Size field of the configuration record open hands to the settings reader. */
 #define OPEN_CONFIG_RECORD_SIZE 12
 
-static void ResetOperationState(void)
+/* No image, and no scan or save under way: set by open and by close. */
+static void ClearOperationFlags(void)
 {
     g_imageValid = 0;
-    g_timerActive = 0;
-    g_scanBusy = 0;
-    g_saveBusy = 0;
-    g_modeBusy = 0;
     g_scanAborted = 0;
     g_abortRequest = 0;
     g_scanStarted = 0;
     InterlockedExchange(&g_saveCancel, 0);
+}
+
+static void ResetOperationState(void)
+{
+    ClearOperationFlags();
+    g_timerActive = 0;
+    g_scanBusy = 0;
+    g_saveBusy = 0;
+    g_modeBusy = 0;
 }
 
 DWORD MciOpen(MCIDEVICEID deviceId, DWORD flags, LPVOID params)
@@ -129,11 +135,7 @@ DWORD MciClose(MCIDEVICEID deviceId, DWORD flags, LPVOID params)
         return MCIERR_DEVICE_NOT_READY;
 
     g_deviceOpen = 0;
-    g_imageValid = 0;
     g_deviceId = 0;
-    g_scanAborted = 0;
-    g_abortRequest = 0;
-    g_scanStarted = 0;
-    InterlockedExchange(&g_saveCancel, 0);
+    ClearOperationFlags();
     return 0;
 }
