@@ -20,4 +20,36 @@ void CfgArrowHalfRect(HWND wnd, DWORD state, RECT *rect);
 void CfgArrowPaint(HWND wnd, DWORD state);
 void CfgArrowDrawEdge(HDC dc, const RECT *rect, BOOL pressed, HPEN highlight, HPEN shadow);
 
+/* The configuration dialog and its RS-232C and GP-IB sub-dialogs. */
+#define CFG_PORT_COUNT 9
+/* What the probe found for one COM port: present, and took 19200 baud. */
+typedef struct CfgPortInfo {
+    BYTE present;
+    BYTE fast;
+} CfgPortInfo;
+/* Ports 1 to 9 by number; slot 0 is never probed and counts as present. */
+extern CfgPortInfo g_cfgPorts[CFG_PORT_COUNT + 1];
+/* The configuration dialog and the sub-dialog it runs, while they are open. */
+extern HWND g_cfgDlgWnd;
+extern HWND g_cfgSubDlgWnd;
+
+/* Steps, limits and fixed values of a spin-controlled number, and the
+   outcome of the last step (0 in range, 1 unknown code, 2 clamped to the
+   maximum, 4 clamped to the minimum). */
+typedef struct SpinRecord {
+    SHORT lineUp, lineDown, pageUp, pageDown;
+    SHORT maximum, minimum;
+    SHORT thumbPosition, thumbTrack;
+    BYTE status;
+} SpinRecord;
+
+INT_PTR CALLBACK CfgSerialDlgProc(HWND dlg, UINT msg, WPARAM wParam, LPARAM lParam);
+INT_PTR CALLBACK CfgGpibDlgProc(HWND dlg, UINT msg, WPARAM wParam, LPARAM lParam);
+SHORT CfgSpinStep(WORD code, SHORT value, SpinRecord *spin);
+/* The port to use for a stored one: the stored port if present, else the
+   first present of 1, 2, 3 ... with the stored one skipped; -1 when none. */
+int CfgFindPort(DWORD stored);
+/* Port n's name (string entry 90 + n) into a buffer of 8 WCHARs. */
+void CfgLoadPortName(DWORD port, LPWSTR name);
+
 #endif
