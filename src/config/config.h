@@ -29,7 +29,8 @@ typedef struct CfgPortInfo {
 } CfgPortInfo;
 /* Ports 1 to 9 by number; slot 0 is never probed and counts as present. */
 extern CfgPortInfo g_cfgPorts[CFG_PORT_COUNT + 1];
-/* The configuration dialog and the sub-dialog it runs, while they are open. */
+/* The configuration dialog and the sub-dialog it runs, from the end of
+   their initialisation until they end. */
 extern HWND g_cfgDlgWnd;
 extern HWND g_cfgSubDlgWnd;
 

@@ -247,7 +247,6 @@ static void InitDialog(HWND dlg, const DRVCONFIGINFO *config)
     DWORD count;
     DWORD model;
 
-    g_cfgDlgWnd = dlg;
     s_config = config;
     CfgReadSettings(config, &s_work);
     Probe();
@@ -288,6 +287,7 @@ static void InitDialog(HWND dlg, const DRVCONFIGINFO *config)
         s_gpibRecord.id = s_work.id;
     }
     s_availCount = (DWORD)s_haveCom + (DWORD)s_haveGpib + (DWORD)s_haveScsi;
+    g_cfgDlgWnd = dlg;
 }
 
 /* ---- Model list -------------------------------------------------------------- */

@@ -186,8 +186,8 @@ INT_PTR CALLBACK CfgSerialDlgProc(HWND dlg, UINT msg, WPARAM wParam, LPARAM lPar
 
     switch (msg) {
     case WM_INITDIALOG:
-        g_cfgSubDlgWnd = dlg;
         InitSerial(dlg, (DeviceSettings *)lParam);
+        g_cfgSubDlgWnd = dlg;
         return TRUE;
     case WM_COMMAND:
         switch (LOWORD(wParam)) {
@@ -230,10 +230,10 @@ INT_PTR CALLBACK CfgGpibDlgProc(HWND dlg, UINT msg, WPARAM wParam, LPARAM lParam
 
     switch (msg) {
     case WM_INITDIALOG:
-        g_cfgSubDlgWnd = dlg;
         s_gpibRecord = (DeviceSettings *)lParam;
         SendMessageW(edit, EM_LIMITTEXT, 2, 0);
         SetDlgItemInt(dlg, IDC_GPIB_ADDRESS, s_gpibRecord->id, FALSE);
+        g_cfgSubDlgWnd = dlg;
         return TRUE;
     case WM_VSCROLL:
         if (HIWORD(wParam) != IDC_GPIB_SPIN)
