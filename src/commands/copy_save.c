@@ -14,21 +14,6 @@
 #define COPY_PALETTE_EXTRA_BYTES 8
 #define SAVE_THREAD_STACK 256
 
-/* Size of the colour table a DIB of this depth carries in full. */
-static DWORD CopyFullTableBytes(WORD bitCount)
-{
-    switch (bitCount) {
-    case 1:
-        return 8;
-    case 4:
-        return 64;
-    case 8:
-        return 1024;
-    default:
-        return 0;
-    }
-}
-
 static void CopyBytes(BYTE *dst, const BYTE *src, DWORD count)
 {
     DWORD i;
@@ -81,7 +66,7 @@ DWORD MciCopy(MCIDEVICEID deviceId, DWORD flags, LPVOID params)
     /* The table area has room for the whole table of the depth; only the
        image's own entries go into it. */
     h = &g_imageInfo->bmiHeader;
-    fullTable = CopyFullTableBytes(h->biBitCount);
+    fullTable = ImgFullTableBytes(h->biBitCount);
     if (h->biClrUsed == 0)
         ownTable = fullTable;
     else if (h->biBitCount == 24)

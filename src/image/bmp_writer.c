@@ -31,14 +31,9 @@ DWORD ImgMapFileError(DWORD error)
     }
 }
 
-/* Colour table bytes of a header as the file carries them. */
-static DWORD ImgTableBytes(const BITMAPINFOHEADER *h)
+DWORD ImgFullTableBytes(WORD bitCount)
 {
-    if (h->biBitCount == 24)
-        return 0;
-    if (h->biClrUsed != 0)
-        return 4 * h->biClrUsed;
-    switch (h->biBitCount) {
+    switch (bitCount) {
     case 1:
         return 8;
     case 4:
@@ -48,6 +43,16 @@ static DWORD ImgTableBytes(const BITMAPINFOHEADER *h)
     default:
         return 0;
     }
+}
+
+/* Colour table bytes of a header as the file carries them. */
+static DWORD ImgTableBytes(const BITMAPINFOHEADER *h)
+{
+    if (h->biBitCount == 24)
+        return 0;
+    if (h->biClrUsed != 0)
+        return 4 * h->biClrUsed;
+    return ImgFullTableBytes(h->biBitCount);
 }
 
 static void ImgPutWord(BYTE *p, WORD v)

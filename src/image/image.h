@@ -110,6 +110,8 @@ DWORD WINAPI ImgScanThread(LPVOID flags);
 void ImgRestoreModeDlgControls(void);
 
 /* ---- Bitmap file writer ---- */
+/* Bytes of the whole colour table of a 1, 4 or 8 bpp DIB; 0 for others. */
+DWORD ImgFullTableBytes(WORD bitCount);
 DWORD ImgMapFileError(DWORD error);
 DWORD WINAPI ImgSaveThread(LPVOID request);
 
