@@ -532,7 +532,6 @@ WINUSERAPI BOOL WINAPI ClientToScreen(HWND wnd, LPPOINT point);
 WINUSERAPI BOOL WINAPI ScreenToClient(HWND wnd, LPPOINT point);
 WINUSERAPI int WINAPI GetSystemMetrics(int index);
 WINUSERAPI DWORD WINAPI GetSysColor(int index);
-WINUSERAPI HBRUSH WINAPI GetSysColorBrush(int index);
 WINUSERAPI LRESULT WINAPI DefWindowProcW(HWND wnd, UINT msg, WPARAM wParam, LPARAM lParam);
 WINUSERAPI LRESULT WINAPI CallWindowProcW(WNDPROC proc, HWND wnd, UINT msg, WPARAM wParam, LPARAM lParam);
 
@@ -595,7 +594,6 @@ WINUSERAPI HDC WINAPI GetWindowDC(HWND wnd);
 WINUSERAPI int WINAPI ReleaseDC(HWND wnd, HDC dc);
 WINUSERAPI int WINAPI FillRect(HDC dc, const RECT *rect, HBRUSH brush);
 WINUSERAPI int WINAPI FrameRect(HDC dc, const RECT *rect, HBRUSH brush);
-WINUSERAPI int WINAPI DrawTextW(HDC dc, LPCWSTR text, int count, LPRECT rect, UINT format);
 
 /* Mouse capture and cursors */
 WINUSERAPI HWND WINAPI SetCapture(HWND wnd);
