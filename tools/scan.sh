@@ -5,10 +5,10 @@
 # scanner on COM1); for example ks-620:gpib:5, ks-640:scsi or kt-700:gpib:2.
 # Builds what it needs first.
 set -euo pipefail
-cd "$(dirname "$0")/.."
 out=${1:-page.bmp}
 scanner=${2:-ks-650:rs232c:1}
 case "$out" in /*) ;; *) out="$PWD/$out" ;; esac
+cd "$(dirname "$0")/.."
 tools/deps.sh
 cmake --preset host >/dev/null
 cmake --build --preset host --target mcicmd tamrix gpibdll >/dev/null
