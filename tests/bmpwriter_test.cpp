@@ -89,42 +89,9 @@ bool Exists(const std::string &path)
 
 } // namespace
 
-class BmpWriterTest : public DriverTest
+class BmpWriterTest : public CurrentImageTest
 {
 protected:
-    void SetUp() override
-    {
-        DriverTest::SetUp();
-        g_settings.model = 4;
-        g_settings.interfaceType = IF_RS232C;
-        g_targetWnd = nullptr;
-        g_dstRect = ScanRect{0, 0, 16, 16};
-        g_dispReleased = 0;
-        ASSERT_EQ(ImgCreateInitialImages(), 1);
-    }
-    void TearDown() override
-    {
-        ImgFreeImages();
-        DriverTest::TearDown();
-    }
-
-    // Scans a width x height picture in the given mode into a new current
-    // image, with a pattern that uses many levels.
-    static void MakeImage(SHORT colorMode, SHORT colorStep, int width, int height)
-    {
-        g_alignShift = g_alignFailed = 0;
-        DWORD raw;
-        ASSERT_EQ(tamrix_test::BeginScan(colorMode, colorStep, width, height, &raw), 1);
-        ImgStoreLine(0);
-        for (int y = 0; y < height; y++) {
-            for (DWORD i = 0; i < raw; i++)
-                g_rawLine[i] = (BYTE)(i * 37 + y * 101 + (i * i) / 5);
-            ImgStoreLine(1);
-        }
-        ImgFreeScanBuffers(1);
-        ImgCommitScan();
-    }
-
     // Every pixel of the current image as the DIB and its table say.
     static std::vector<int> ImagePixels()
     {

@@ -48,17 +48,12 @@ TEST_F(ClipboardTest, OneOpenerAndOwnershipOfTheData)
     EXPECT_EQ(PlatLiveCount(PLAT_KIND_GLOBAL) + PlatLiveCount(PLAT_KIND_GDI), blocks + gdi);
 }
 
-class CopySaveTest : public DriverTest
+class CopySaveTest : public CurrentImageTest
 {
 protected:
     void SetUp() override
     {
-        DriverTest::SetUp();
-        g_settings.model = 4;
-        g_settings.interfaceType = IF_RS232C;
-        g_targetWnd = nullptr;
-        g_dstRect = ScanRect{0, 0, 16, 16};
-        ASSERT_EQ(ImgCreateInitialImages(), 1);
+        CurrentImageTest::SetUp();
         threads_ = PlatLiveCount(PLAT_KIND_THREAD);
     }
     void TearDown() override
@@ -67,24 +62,13 @@ protected:
         for (int i = 0; i < 100000 && PlatLiveCount(PLAT_KIND_THREAD) != threads_; i++)
             Sleep(1);
         PlatResetClipboard();
-        ImgFreeImages();
         g_displayWnd = nullptr;
-        DriverTest::TearDown();
+        CurrentImageTest::TearDown();
     }
-
-    // A scanned 50 x 3 image in the given mode, with many levels in it.
-    static void MakeImage(SHORT colorMode, SHORT colorStep)
+    // A scanned 50 x 3 image in the given mode, marked valid.
+    static void MakeValidImage(SHORT colorMode, SHORT colorStep)
     {
-        DWORD raw;
-        ASSERT_EQ(tamrix_test::BeginScan(colorMode, colorStep, 50, 3, &raw), 1);
-        ImgStoreLine(0);
-        for (int y = 0; y < 3; y++) {
-            for (DWORD i = 0; i < raw; i++)
-                g_rawLine[i] = (BYTE)(i * 37 + y * 101 + (i * i) / 5);
-            ImgStoreLine(1);
-        }
-        ImgFreeScanBuffers(1);
-        ImgCommitScan();
+        MakeImage(colorMode, colorStep, 50, 3);
         g_imageValid = 1;
     }
     Bytes File() { return Bytes(std::istreambuf_iterator<char>(std::ifstream(dir_ / "img.bmp").rdbuf()), {}); }
@@ -112,7 +96,7 @@ TEST_F(CopySaveTest, CopyPutsTheImageAndItsPalette)
     using Case = std::tuple<SHORT, SHORT, DWORD, DWORD>; // mode, step, table area, palette entries
     for (auto [mode, step, table, entries] : {Case{0, 1, 8, 2}, Case{0, 2, 64, 4}, Case{16, 8, 0, 256}}) {
         SCOPED_TRACE(step);
-        MakeImage(mode, step);
+        MakeValidImage(mode, step);
         ASSERT_EQ(Copy(), 0u);
         EXPECT_EQ(GetClipboardOwner(), g_displayWnd);
         ASSERT_TRUE(OpenClipboard(nullptr));
@@ -143,7 +127,7 @@ TEST_F(CopySaveTest, RefusalsAndFailingStepsLeakNothing)
 {
     // Right after open: no image a scan has made; then a notified scan.
     EXPECT_EQ(Copy() + Save(MCI_WAIT), 2u * MCIERR_COMMAND_ORDER);
-    MakeImage(0, 1);
+    MakeValidImage(0, 1);
     g_scanBusy = 1;
     EXPECT_EQ(Copy() + Save(MCI_WAIT), 2u * MCIERR_COMMAND_ORDER);
     g_scanBusy = 0;
@@ -174,7 +158,7 @@ TEST_F(CopySaveTest, RefusalsAndFailingStepsLeakNothing)
 
 TEST_F(CopySaveTest, SaveWithWaitAndWithNotify)
 {
-    MakeImage(0, 1);
+    MakeValidImage(0, 1);
     ASSERT_EQ(Save(MCI_WAIT), 0u);
     Bytes f = File(), bits = ImageBits();
     ASSERT_EQ(f.size(), 62 + bits.size());

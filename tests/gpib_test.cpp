@@ -84,34 +84,6 @@ private:
     uint8_t status_ = 0;
 };
 
-// A byte-talking device that says back what it heard.
-class Echo : public sim::ByteDevice
-{
-public:
-    void Receive(const uint8_t *data, size_t size) override
-    {
-        std::lock_guard<std::mutex> lock(m_);
-        q_.insert(q_.end(), data, data + size);
-    }
-    size_t Transmit(uint8_t *out, size_t max) override
-    {
-        std::lock_guard<std::mutex> lock(m_);
-        size_t n = std::min(max, q_.size());
-        std::copy_n(q_.begin(), n, out);
-        q_.erase(q_.begin(), q_.begin() + static_cast<long>(n));
-        return n;
-    }
-    size_t Pending() const override
-    {
-        std::lock_guard<std::mutex> lock(m_);
-        return q_.size();
-    }
-
-private:
-    mutable std::mutex m_;
-    std::deque<uint8_t> q_;
-};
-
 class GpibTest : public PlatformTest
 {
 protected:
@@ -359,27 +331,6 @@ TEST_F(GpibTest, FailedOpensAndClosesUndoWhatTheyDid)
     EXPECT_EQ(sim::GpibCallsOf("SetGpibREN").at(0).args[1], 0);
     Close();
     EXPECT_EQ(PlatLiveCount(PLAT_KIND_EVENT), events);
-}
-
-TEST_F(GpibTest, ThePortLayerCarriesAByteTalkingScanner)
-{
-    sim::AttachGpibDevice(5, sim::MakeGpibByteDevice(std::make_shared<Echo>()));
-    HANDLE line = PortOpen(5, IF_GPIB, 0);
-    ASSERT_NE(line, INVALID_HANDLE_VALUE);
-    EXPECT_EQ(g_lineHandle, line);
-    EXPECT_EQ(PortOpen(5, IF_GPIB, 0), INVALID_HANDLE_VALUE);
-    ASSERT_TRUE(PortWrite("\x05"
-                          "abc",
-                          4));
-    char reply[4] = {};
-    EXPECT_EQ(PortRead(reply, 2, 5000), 2); // more follows: the next read continues
-    EXPECT_EQ(PortRead(reply + 2, 2, 5000), 2);
-    EXPECT_EQ(std::string(reply, 4), "\x05"
-                                     "abc");
-    EXPECT_EQ(PortRead(reply, 1, 1000), 0);
-    EXPECT_TRUE(PortClose());
-    EXPECT_EQ(g_lineOpen, 0);
-    EXPECT_EQ(PlatLiveCount(PLAT_KIND_MODULE), modules);
 }
 
 } // namespace

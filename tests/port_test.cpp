@@ -334,42 +334,6 @@ TEST_F(PortTest, SetCommStateRefusesImpossibleSettingsAndKeepsTheOldOnes)
     }
 }
 
-TEST_F(PortTest, ReadWaitsForLateBytesUntilTheTotalTimeOut)
-{
-    raw_ = OpenCom();
-    ASSERT_NE(raw_, INVALID_HANDLE_VALUE);
-    uint8_t buf[4] = {};
-    DWORD got = 99;
-    SetTimeouts(MAXDWORD, 0, 0);
-    EXPECT_TRUE(ReadFile(raw_, buf, 4, &got, nullptr));
-    EXPECT_EQ(got, 0u) << "nothing there: at once, empty";
-
-    // Bytes made ready by another thread wake the reader before its limit.
-    SetTimeouts(MAXDWORD, 56, 10000);
-    tamrix_test::PlatformThread feeder([this] {
-        Sleep(300);
-        scanner_->Announce({1, 2});
-        Sleep(300);
-        scanner_->Announce({3, 4, 5});
-        return DWORD(0);
-    });
-    DWORD start = GetTickCount();
-    ASSERT_TRUE(ReadFile(raw_, buf, 4, &got, nullptr));
-    DWORD elapsed = GetTickCount() - start;
-    EXPECT_EQ(got, 4u);
-    EXPECT_EQ((std::vector<uint8_t>(buf, buf + 4)), (std::vector<uint8_t>{1, 2, 3, 4}));
-    EXPECT_GE(elapsed, 600u);
-    EXPECT_LT(elapsed, 1000u);
-    EXPECT_EQ(feeder.Join(), 0u);
-
-    // What arrived by the limit is returned with success.
-    start = GetTickCount();
-    ASSERT_TRUE(ReadFile(raw_, buf, 4, &got, nullptr));
-    EXPECT_EQ(got, 1u);
-    EXPECT_EQ(buf[0], 5);
-    EXPECT_GE(GetTickCount() - start, 4u * 56 + 10000);
-}
-
 TEST_F(PortTest, LineErrorsAreReportedOnceAndStopTransfersWhenAbortingOnErrors)
 {
     raw_ = OpenCom();

@@ -2,6 +2,7 @@
 // target window, and every image slot freed after each test.
 #pragma once
 
+#include "driver_fixture.h"
 #include "support/platform_fixture.h"
 
 #include "display/display_rects.h"
@@ -38,4 +39,44 @@ class ImageTest : public PlatformTest
 protected:
     void SetUp() override;
     void TearDown() override;
+};
+
+// A device with its initial images, for the tests of what is done with a
+// scanned image (copy, save); MakeImage scans a patterned picture into the
+// current image.
+class CurrentImageTest : public DriverTest
+{
+protected:
+    void SetUp() override
+    {
+        DriverTest::SetUp();
+        g_settings.model = 4;
+        g_settings.interfaceType = IF_RS232C;
+        g_targetWnd = nullptr;
+        g_dstRect = ScanRect{0, 0, 16, 16};
+        g_dispReleased = 0;
+        ASSERT_EQ(ImgCreateInitialImages(), 1);
+    }
+    void TearDown() override
+    {
+        ImgFreeImages();
+        DriverTest::TearDown();
+    }
+
+    // Scans a width x height picture in the given mode into a new current
+    // image, with a pattern that uses many levels.
+    static void MakeImage(SHORT colorMode, SHORT colorStep, int width, int height)
+    {
+        g_alignShift = g_alignFailed = 0;
+        DWORD raw;
+        ASSERT_EQ(tamrix_test::BeginScan(colorMode, colorStep, width, height, &raw), 1);
+        ImgStoreLine(0);
+        for (int y = 0; y < height; y++) {
+            for (DWORD i = 0; i < raw; i++)
+                g_rawLine[i] = (BYTE)(i * 37 + y * 101 + (i * i) / 5);
+            ImgStoreLine(1);
+        }
+        ImgFreeScanBuffers(1);
+        ImgCommitScan();
+    }
 };
