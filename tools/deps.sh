@@ -6,7 +6,8 @@ set -euo pipefail
 
 packages=(cmake make g++ gcc clang clang-format git googletest libgtest-dev libgmock-dev
           binutils-mingw-w64 gcc-mingw-w64-i686 g++-mingw-w64-i686
-          gcc-mingw-w64-x86-64 g++-mingw-w64-x86-64 python3 python3-pil imagemagick)
+          gcc-mingw-w64-x86-64 g++-mingw-w64-x86-64 python3 python3-pil imagemagick
+          libsane-dev sane-utils pkg-config)
 
 missing=()
 for p in "${packages[@]}"; do

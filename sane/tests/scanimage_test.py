@@ -1,0 +1,122 @@
+#!/usr/bin/env python3
+"""SANE's own tools against the backend: scanimage lists, describes, checks
+and scans the virtual scanners; a scanned page must equal, pixel for pixel,
+the same page saved by mcicmd.
+
+usage: scanimage_test.py BUILD_DIR CASE [ARGS...]
+"""
+import os
+import subprocess
+import sys
+import tempfile
+
+from PIL import Image
+
+BUILD = sys.argv[1]
+WORK = tempfile.mkdtemp(prefix="tamrix-sane-")
+
+
+def env(conf_lines):
+    """Environment of a frontend that loads the backend from the build tree."""
+    confdir = os.path.join(WORK, "conf")
+    os.makedirs(confdir, exist_ok=True)
+    if conf_lines is not None:
+        with open(os.path.join(confdir, "tamrix.conf"), "w") as f:
+            f.write("\n".join(conf_lines) + "\n")
+    e = dict(os.environ)
+    e.update(LD_LIBRARY_PATH=os.path.join(BUILD, "sane"), SANE_CONFIG_DIR=confdir,
+             TAMRIX_WINDIR=os.path.join(WORK, "windir"), TAMRIX_MODULE_PATH=os.path.join(BUILD, "lib"))
+    return e
+
+
+def scanimage(args, conf_lines=None, check=True):
+    r = subprocess.run(["scanimage"] + args, env=env(conf_lines), capture_output=True, timeout=240)
+    if check and r.returncode != 0:
+        sys.exit("scanimage %s failed (%d):\n%s" % (" ".join(args), r.returncode, r.stderr.decode(errors="replace")))
+    return r
+
+
+def expect(condition, what, output=b""):
+    if not condition:
+        sys.exit("FAILED: %s\n%s" % (what, output.decode(errors="replace") if isinstance(output, bytes) else output))
+
+
+CONF = ["# scanners of the tests", "ks-650:rs232c:1 virtual", "ks-620:gpib:5 virtual", "ks-640:scsi virtual",
+        "kt-700:gpib:3 virtual", "ks-999 virtual"]
+
+
+def case_list():
+    out = scanimage(["-L"], CONF).stdout
+    for name, model in (("ks-650:rs232c:1", "KS-650"), ("ks-620:gpib:5", "KS-620"), ("ks-640:scsi", "KS-640")):
+        expect(("device `tamrix:%s' is a Korvane %s flatbed scanner" % (name, model)).encode() in out,
+               "scanimage -L lists %s" % name, out)
+    expect(out.count(b"tamrix:") == 3, "the lines the driver cannot serve are left out", out)
+    # Without tamrix.conf a new user still sees one scanner.
+    os.remove(os.path.join(WORK, "conf", "tamrix.conf"))
+    out = scanimage(["-L"], None).stdout
+    expect(out.count(b"tamrix:") == 1 and b"tamrix:ks-650:rs232c:1' is a Korvane KS-650" in out,
+           "one virtual KS-650 without tamrix.conf", out)
+
+
+def case_options():
+    out = scanimage(["-d", "tamrix:ks-640:scsi", "-A"], CONF).stdout.decode()
+    for text in ("--mode Lineart|Halftone|Gray|Color [Gray]", "--depth 2|3|4|5|6|7|8bit [8]",
+                 "--resolution 5..320dpi (in steps of 1) [90]", "-l 2.60001..200.6mm [2.60001]",
+                 "-y 0..296.6mm [296.6]", "--halftone-pattern Dither 1, pattern 1|", "--brightness 0..9 (in steps of 1) [5]",
+                 "--contrast 0..9 (in steps of 1) [5]", "--gamma-correction CRT 1|CRT 2|Printer 1|Printer 2|None",
+                 "--tint 0..9 (in steps of 1) [inactive]", "--saturation 0..9 (in steps of 1) [inactive]", "--noise-reduction[=(yes|no)] [no]"):
+        expect(text in out, "scanimage -A shows %r" % text, out)
+    # Colour opens tint and saturation and widens the depths; a KS-610 has
+    # neither grey levels nor the extended settings.
+    out = scanimage(["-d", "tamrix:ks-640:scsi", "--mode", "Color", "-A"], CONF).stdout.decode()
+    expect("--tint 0..9 (in steps of 1) [5]" in out and "--depth 1|2|3|4|5|6|7|8bit [8]" in out, "colour options", out)
+    out = scanimage(["-d", "tamrix:ks-610:rs232c:2", "-A"], CONF + ["ks-610:rs232c:2 virtual"]).stdout.decode()
+    expect("--mode Lineart|Halftone [Lineart]" in out and "--brightness 0..9 (in steps of 1) [inactive]" in out and
+           "--resolution 50..320dpi (in steps of 10)" in out, "KS-610 options", out)
+    # A value the model refuses is refused, not rounded.
+    r = scanimage(["-d", "tamrix:ks-620:gpib:5", "--resolution", "95", "-n"], CONF, check=False)
+    expect(r.returncode != 0 and b"Invalid argument" in r.stderr, "resolution 95 on a KS-620", r.stderr)
+
+
+def case_conformance(spec):
+    r = scanimage(["-d", "tamrix:" + spec, "-T"], CONF)
+    expect(r.stderr.count(b"PASS") >= 20 and b"FAIL" not in r.stderr, "scanimage -T passes", r.stderr)
+
+
+def case_page(spec, mode, resolution, depth):
+    """The same rectangle through scanimage and through mcicmd."""
+    res = int(resolution)
+    # 25.4 mm is `res` dots; the rectangle starts 10.16 mm in.
+    x, y, w, h = res * 4 // 10, res * 4 // 10, res * 2, res * 3
+    args = ["-d", "tamrix:" + spec, "--mode", mode, "--resolution", resolution, "-l", "%.4f" % (x * 25.4 / res),
+            "-t", "%.4f" % (y * 25.4 / res), "-x", "%.4f" % (w * 25.4 / res), "-y", "%.4f" % (h * 25.4 / res),
+            "--format=png", "-o", os.path.join(WORK, "sane.png")]
+    if depth != "-":
+        args += ["--depth", depth]
+    scanimage(args, CONF)
+
+    colorstep = "halftone" if mode == "Halftone" else "colorstep %d" % (2 ** (int(depth) if depth != "-" else 1))
+    colormode = 16386 if mode == "Color" else 16385
+    bmp = os.path.join(WORK, "mcicmd.bmp")
+    mcicmd = [os.path.join(BUILD, "bin", "mcicmd"), "--windir", os.path.join(WORK, "mci"), "--install",
+              "--scanner", spec, "open scanner alias s wait",
+              "scanmode s resolution %d contrast 5 colormode %d %s wait" % (res, colormode, colorstep),
+              "scanread s rect %d %d %d %d wait" % (x, y, w, h), "save s %s wait" % bmp, "close s wait"]
+    r = subprocess.run(mcicmd, env=dict(os.environ, TAMRIX_MODULE_PATH=os.path.join(BUILD, "lib")),
+                       capture_output=True, timeout=240)
+    expect(r.returncode == 0, "mcicmd scan", r.stderr)
+
+    sane, ref = Image.open(os.path.join(WORK, "sane.png")), Image.open(bmp)
+    expect(sane.size == ref.size == (w, h), "sizes %s %s, expected %s" % (sane.size, ref.size, (w, h)))
+    a, b = sane.convert("RGB").tobytes(), ref.convert("RGB").tobytes()
+    diff = sum(1 for i in range(0, len(a), 3) if a[i:i + 3] != b[i:i + 3])
+    expect(diff == 0, "%d of %d pixels differ" % (diff, w * h))
+    # A blank page would match a blank page: the chart must show.
+    expect(len(set(ref.convert("L").getdata())) > 1, "the page shows the chart")
+    print("%s %s %s dpi: %dx%d, %d colours, identical" % (spec, mode, resolution, w, h,
+                                                          len(set(ref.convert("RGB").getdata()))))
+
+
+if __name__ == "__main__":
+    {"list": case_list, "options": case_options, "conformance": case_conformance, "page": case_page}[sys.argv[2]](
+        *sys.argv[3:])
