@@ -10,11 +10,8 @@ namespace tamrix_sane
 
 int DebugLevel()
 {
-    static const int level = [] {
-        const char *env = std::getenv("SANE_DEBUG_TAMRIX");
-        return env ? std::atoi(env) : 0;
-    }();
-    return level;
+    const char *env = std::getenv("SANE_DEBUG_TAMRIX");
+    return env ? std::atoi(env) : 0;
 }
 
 void Debug(int level, const char *format, ...)

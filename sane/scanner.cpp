@@ -17,8 +17,8 @@
 #include <filesystem>
 #include <future>
 
-#ifndef TAMRIX_SANE_MODULE_DIR
-#define TAMRIX_SANE_MODULE_DIR ""
+#ifndef TAMRIX_SANE_MODULE_SUBDIR
+#define TAMRIX_SANE_MODULE_SUBDIR "../tamrix"
 #endif
 
 namespace tamrix_sane
@@ -124,9 +124,8 @@ std::string WindowsDirectory()
 bool SetUpEnvironment()
 {
     std::string dir = BackendDirectory();
-    std::string path = dir + ":" + dir + "/../lib";
-    if (*TAMRIX_SANE_MODULE_DIR)
-        path += std::string(":") + TAMRIX_SANE_MODULE_DIR;
+    // Installed: the module folder beside SANE's backends; in the build tree: lib.
+    std::string path = dir + "/" TAMRIX_SANE_MODULE_SUBDIR ":" + dir + "/../lib";
     if (const char *env = std::getenv("TAMRIX_MODULE_PATH"); env && *env)
         path = std::string(env) + ":" + path;
     PlatSetModuleSearchPath(path.c_str());
@@ -653,6 +652,7 @@ SANE_Status Scanner::DoStart(const ScanRequest &request, unsigned generation)
     notified_ = false;
     stopSent_ = false;
     Debug(3, "scanread %d %d %d %d at %d dpi", request.x, request.y, request.width, request.height, request.resolution);
+    threadsBeforeScan_ = PlatLiveCount(PLAT_KIND_THREAD);
     if (DWORD err = Command(kMciScanRead, MCI_NOTIFY | kScanReadRect, &b, "scanread"); LOWORD(err))
         return StatusOf(err);
     std::lock_guard<std::mutex> l(lock_);
@@ -683,6 +683,7 @@ void Scanner::FinishScan(uintptr_t how)
     State state = State::Failed;
     SANE_Status failure = SANE_STATUS_IO_ERROR;
     std::vector<uint8_t> data;
+    bool failed = how != MCI_NOTIFY_SUCCESSFUL;
     if (cancelGeneration_.load() != scanGeneration_) {
         state = State::Cancelled;
     } else if (how == MCI_NOTIFY_SUCCESSFUL) {
@@ -697,6 +698,13 @@ void Scanner::FinishScan(uintptr_t how)
         Command(MCI_STATUS, MCI_WAIT | MCI_STATUS_ITEM, &s, "status scanner");
         Debug(1, "the scan failed (notification %u, scanner mode %lu%s)", static_cast<unsigned>(how),
               static_cast<unsigned long>(s.dwReturn), s.dwReturn == MCI_MODE_NOT_READY ? ": not ready" : "");
+    }
+    if (failed) {
+        // The driver notifies a stopped or failed scan while its scan thread
+        // still frees the scan's buffers; a scanread in that moment would
+        // meet them half freed. Wait (a bounded while) for the thread to end.
+        for (int i = 0; i < 2000 && PlatLiveCount(PLAT_KIND_THREAD) > threadsBeforeScan_; i++)
+            Sleep(1);
     }
     {
         std::lock_guard<std::mutex> l(lock_);

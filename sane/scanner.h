@@ -135,6 +135,7 @@ private:
     bool stopSent_ = false;
     uintptr_t notifyCode_ = 0;
     unsigned scanGeneration_ = 0;
+    long threadsBeforeScan_ = 0;
     ScanRequest request_;
     ExtendedSettings driverExtended_; // what the driver holds now
 

@@ -4,6 +4,8 @@
 #include <sane/saneopts.h>
 #include <tamrix/platform.h>
 
+#include "scsi_scanner.h"
+
 #include <gtest/gtest.h>
 
 #include <poll.h>
@@ -27,7 +29,8 @@ protected:
     {
         dir_ = std::filesystem::temp_directory_path() / ("tamrix-sane-" + std::to_string(getpid()));
         std::filesystem::create_directories(dir_);
-        std::ofstream(dir_ / "tamrix.conf") << "ks-640:scsi virtual\nks-620:gpib:5 virtual\n";
+        std::ofstream(dir_ / "tamrix.conf") << "ks-640:scsi virtual\nks-620:gpib:5 virtual\n"
+                                               "ks-660:scsi\nks-650:rs232c:3\n";
         setenv("SANE_CONFIG_DIR", dir_.c_str(), 1);
         setenv("TAMRIX_WINDIR", (dir_ / "windir").c_str(), 1);
         ASSERT_EQ(sane_init(nullptr, nullptr), SANE_STATUS_GOOD);
@@ -80,7 +83,7 @@ TEST_F(BackendTest, OptionsFollowTheModelAndModeAndRefuseBadValues)
     ASSERT_EQ(sane_open("tamrix:ks-640:scsi", &h), SANE_STATUS_GOOD);
     SANE_Handle second = nullptr;
     EXPECT_EQ(sane_open("ks-620:gpib:5", &second), SANE_STATUS_DEVICE_BUSY) << "the driver serves one scanner";
-    EXPECT_EQ(sane_open("ks-660:scsi", &second), SANE_STATUS_INVAL) << "not in tamrix.conf";
+    EXPECT_EQ(sane_open("ks-630:gpib:1", &second), SANE_STATUS_INVAL) << "not in tamrix.conf";
 
     SANE_Int info = 0;
     EXPECT_FALSE(Active(h, "tint"));
@@ -187,6 +190,51 @@ TEST_F(BackendTest, CancelStopsAScanTheNextScanWorksAndNothingLeaks)
     }
     for (int k = 0; k < PLAT_KIND_COUNT; k++)
         EXPECT_EQ(PlatLiveCount(static_cast<PlatKind>(k)), before[k]) << PlatKindName(static_cast<PlatKind>(k));
+}
+
+TEST_F(BackendTest, ExtendedSettingsReachTheScannerThroughTheDriversDialog)
+{
+    // A scanner the test attaches itself, to see the window the driver sends.
+    auto scsi = sim::ScsiScanner::Attach(6);
+    PlatUseVirtualClock(TRUE);
+    SANE_Handle h = nullptr;
+    ASSERT_EQ(sane_open("ks-660:scsi", &h), SANE_STATUS_GOOD);
+    ASSERT_EQ(SetWord(h, SANE_NAME_SCAN_BR_Y, SANE_FIX(10.0)), SANE_STATUS_GOOD);
+    auto scan = [&] {
+        std::vector<SANE_Byte> frame;
+        EXPECT_EQ(sane_start(h), SANE_STATUS_GOOD);
+        EXPECT_EQ(ReadFrame(h, &frame), SANE_STATUS_EOF);
+        sane_cancel(h);
+        return scsi->Window();
+    };
+    const sim::ScsiWindow plain = scan();
+    ASSERT_EQ(SetWord(h, SANE_NAME_BRIGHTNESS, 1), SANE_STATUS_GOOD);
+    ASSERT_EQ(SetText(h, "gamma-correction", "Printer 1"), SANE_STATUS_GOOD);
+    ASSERT_EQ(SetWord(h, "edge-enhancement", SANE_TRUE), SANE_STATUS_GOOD);
+    EXPECT_FALSE(Active(h, "noise-reduction")) << "a KS-660 has none";
+    const sim::ScsiWindow changed = scan();
+    EXPECT_NE(changed.brightness, plain.brightness);
+    EXPECT_NE(changed.gamma, plain.gamma);
+    EXPECT_NE(changed.vendorFlags, plain.vendorFlags);
+    // Back to the defaults, through the dialog again.
+    ASSERT_EQ(SetWord(h, SANE_NAME_BRIGHTNESS, 5), SANE_STATUS_GOOD);
+    ASSERT_EQ(SetText(h, "gamma-correction", "CRT 1"), SANE_STATUS_GOOD);
+    ASSERT_EQ(SetWord(h, "edge-enhancement", SANE_FALSE), SANE_STATUS_GOOD);
+    const sim::ScsiWindow again = scan();
+    EXPECT_EQ(again.brightness, plain.brightness);
+    EXPECT_EQ(again.gamma, plain.gamma);
+    EXPECT_EQ(again.vendorFlags, plain.vendorFlags);
+    sane_close(h);
+    scsi->Detach();
+
+    // A configured scanner that is not there: an I/O error, the MCI error in
+    // the debug output.
+    setenv("SANE_DEBUG_TAMRIX", "1", 1);
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(sane_open("ks-650:rs232c:3", &h), SANE_STATUS_IO_ERROR);
+    const std::string log = testing::internal::GetCapturedStderr();
+    unsetenv("SANE_DEBUG_TAMRIX");
+    EXPECT_NE(log.find("MCI error 276"), std::string::npos) << log;
 }
 
 } // namespace

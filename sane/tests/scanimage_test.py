@@ -117,6 +117,32 @@ def case_page(spec, mode, resolution, depth):
                                                           len(set(ref.convert("RGB").getdata()))))
 
 
+def case_installed(cmake):
+    """cmake --install into a staging folder; SANE's dll backend finds the
+    backend through dll.d and scanimage -d tamrix passes its test."""
+    stage = os.path.join(WORK, "stage")
+    r = subprocess.run([cmake, "--install", BUILD], env=dict(os.environ, DESTDIR=stage), capture_output=True)
+    expect(r.returncode == 0, "cmake --install", r.stdout + r.stderr)
+    found = {}
+    for root, _, files in os.walk(stage):
+        for f in files:
+            found[f] = root
+    for f in ("libsane-tamrix.so.1", "tamrix", "tamrix.conf", "tamrix.so", "libtamrixwin.so"):
+        expect(f in found, "%s installed" % f, repr(found))
+    expect(found["tamrix"].endswith("/dll.d") and found["libsane-tamrix.so.1"].endswith("/sane"),
+           "backend in SANE's folder, tamrix in dll.d", repr(found))
+    e = {k: v for k, v in os.environ.items() if not k.startswith(("TAMRIX_MODULE", "LD_LIBRARY"))}
+    e.update(SANE_CONFIG_DIR=os.path.dirname(found["tamrix"]), LD_LIBRARY_PATH=found["libsane-tamrix.so.1"],
+             TAMRIX_WINDIR=os.path.join(WORK, "windir"))
+    r = subprocess.run(["scanimage", "-L"], env=e, capture_output=True, timeout=60)
+    expect(b"device `tamrix:ks-650:rs232c:1' is a Korvane KS-650 flatbed scanner" in r.stdout,
+           "the dll backend lists the installed scanner", r.stdout + r.stderr)
+    r = subprocess.run(["scanimage", "-d", "tamrix", "-T"], env=e, capture_output=True, timeout=240)
+    expect(r.returncode == 0 and r.stderr.count(b"PASS") >= 20 and b"FAIL" not in r.stderr,
+           "scanimage -d tamrix -T through the dll backend", r.stderr)
+
+
 if __name__ == "__main__":
-    {"list": case_list, "options": case_options, "conformance": case_conformance, "page": case_page}[sys.argv[2]](
+    {"list": case_list, "options": case_options, "conformance": case_conformance, "page": case_page,
+     "installed": case_installed}[sys.argv[2]](
         *sys.argv[3:])
