@@ -121,7 +121,7 @@ struct Handle {
     std::vector<SANE_String_Const> modes, patterns, gammas;
     std::vector<SANE_Word> grayDepths, colorDepths;
     SANE_Range resolutionRange{}, xRange{}, yRange{}, contrastRange{};
-    bool started = false;
+    volatile bool started = false;
     bool nonBlocking = false;
 
     void Build();
@@ -639,8 +639,11 @@ SANE_Status Read(SANE_Handle h, SANE_Byte *data, SANE_Int max, SANE_Int *length)
 void Cancel(SANE_Handle h)
 {
     // No lookup, no allocation, no lock: a signal handler may call this.
-    if (h)
-        static_cast<Handle *>(h)->scanner->Cancel();
+    if (!h)
+        return;
+    auto *handle = static_cast<Handle *>(h);
+    handle->started = false; // the parameters are the options' again
+    handle->scanner->Cancel();
 }
 
 SANE_Status SetIoMode(SANE_Handle h, SANE_Bool nonBlocking)

@@ -398,13 +398,16 @@ void Scanner::Run()
                 PlatEndExternalWait();
                 l.lock();
             }
-            if (!jobs_.empty()) {
+            scanning = state_ == State::Scanning;
+            // A cancel is seen through (MCI stop) before the next job, which
+            // may be the close.
+            const bool stopFirst = scanning && !stopSent_ && cancelGeneration_.load() != scanGeneration_;
+            if (!jobs_.empty() && !stopFirst) {
                 job = std::move(jobs_.front());
                 jobs_.pop_front();
-            } else if (quit_) {
+            } else if (quit_ && !scanning) {
                 return;
             }
-            scanning = state_ == State::Scanning;
         }
         if (job)
             job();

@@ -155,10 +155,14 @@ TEST_F(BackendTest, CancelStopsAScanTheNextScanWorksAndNothingLeaks)
         EXPECT_EQ(n, 0);
 
         ASSERT_EQ(SetWord(h, SANE_NAME_SCAN_BR_Y, SANE_FIX(25.4)), SANE_STATUS_GOOD);
-        SANE_Parameters p;
+        SANE_Parameters before, p;
+        ASSERT_EQ(sane_get_parameters(h, &before), SANE_STATUS_GOOD);
         ASSERT_EQ(sane_start(h), SANE_STATUS_GOOD);
         ASSERT_EQ(sane_get_parameters(h, &p), SANE_STATUS_GOOD);
         EXPECT_EQ(p.lines, 300);
+        EXPECT_TRUE(before.format == p.format && before.depth == p.depth && before.lines == p.lines &&
+                    before.pixels_per_line == p.pixels_per_line && before.bytes_per_line == p.bytes_per_line)
+            << "the same frame before and after start";
         // Non-blocking: the select fd becomes readable once there is data.
         ASSERT_EQ(sane_set_io_mode(h, SANE_TRUE), SANE_STATUS_GOOD);
         SANE_Int fd = -1;

@@ -6,6 +6,7 @@ the same page saved by mcicmd.
 usage: scanimage_test.py BUILD_DIR CASE [ARGS...]
 """
 import os
+import signal
 import subprocess
 import sys
 import tempfile
@@ -117,6 +118,23 @@ def case_page(spec, mode, resolution, depth):
                                                           len(set(ref.convert("RGB").getdata()))))
 
 
+def case_interrupt():
+    """Ctrl-C in scanimage calls sane_cancel from its signal handler: the scan
+    stops (MCI stop) and scanimage ends with "cancelled" well before the page."""
+    p = subprocess.Popen(["scanimage", "-d", "tamrix:ks-650:rs232c:1", "--mode", "Color", "--resolution", "480",
+                          "-o", os.path.join(WORK, "big.pnm")], env=dict(env(CONF), SANE_DEBUG_TAMRIX="3"),
+                         stderr=subprocess.PIPE)
+    seen = b""
+    while b"scanread" not in seen:
+        line = p.stderr.readline()
+        expect(line, "scanimage starts the scan", seen)
+        seen += line
+    p.send_signal(signal.SIGINT)
+    seen += p.communicate(timeout=120)[1]
+    expect(p.returncode != 0 and b"sane_read: Operation was cancelled" in seen, "scanimage cancelled", seen)
+    expect(b"cancel: stopping the scan" in seen and b"the scan failed" not in seen, "MCI stop sent", seen)
+
+
 def case_installed(cmake):
     """cmake --install into a staging folder; SANE's dll backend finds the
     backend through dll.d and scanimage -d tamrix passes its test."""
@@ -144,5 +162,5 @@ def case_installed(cmake):
 
 if __name__ == "__main__":
     {"list": case_list, "options": case_options, "conformance": case_conformance, "page": case_page,
-     "installed": case_installed}[sys.argv[2]](
+     "installed": case_installed, "interrupt": case_interrupt}[sys.argv[2]](
         *sys.argv[3:])
