@@ -48,4 +48,7 @@ void UnregisterDevice(const std::string &name);
 // (ERROR_PATH_NOT_FOUND) for ENOENT.
 DWORD ErrorFromErrno(int err, const char *path = nullptr);
 
+// The Windows directory (win.ini, system.ini, dosdevices) as a host path.
+std::string WindowsDirectory();
+
 } // namespace plat

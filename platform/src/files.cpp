@@ -3,6 +3,7 @@
 // SetFilePointer, GetFileSize, FlushFileBuffers and DeleteFileW, with host
 // errno values turned into Win32 error codes.
 #include "devices.h"
+#include "serial.h"
 
 #include <algorithm>
 #include <cctype>
@@ -292,6 +293,13 @@ extern "C" HANDLE WINAPI CreateFileW(LPCWSTR fileName, DWORD access, DWORD, LPSE
         return INVALID_HANDLE_VALUE;
     }
     std::string name = ToUtf8(fileName);
+    // A COM port the Windows directory links to a tty is that tty, whether
+    // or not a virtual port of that name exists.
+    if (std::shared_ptr<Stream> port; OpenLinkedComPort(name, &port)) {
+        if (!port)
+            return INVALID_HANDLE_VALUE;
+        return ToHandle<HANDLE>(AddHandle(port));
+    }
     DeviceFactory factory;
     if (FindDevice(name, &factory)) {
         std::shared_ptr<Stream> device = factory(access, flags);

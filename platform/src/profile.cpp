@@ -8,6 +8,7 @@
 // write of an existing key replaces its line in place, a new key goes to the
 // end of its section and a new section to the end of the file.
 #include "core.h"
+#include "devices.h"
 
 #include <sys/stat.h>
 #include <unistd.h>
@@ -372,6 +373,17 @@ BOOL WriteString(LPCWSTR app, LPCWSTR key, LPCWSTR value, LPCWSTR file)
 const WCHAR kWinIni[] = u"win.ini";
 
 } // namespace
+
+namespace plat
+{
+
+std::string WindowsDirectory()
+{
+    std::lock_guard<std::mutex> guard(g_profileMutex);
+    return WindowsDirLocked();
+}
+
+} // namespace plat
 
 extern "C" {
 

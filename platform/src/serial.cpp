@@ -8,7 +8,12 @@
 // (never under the world lock, since a peer may call the platform); a peer
 // that gets bytes on its own calls SerialPortReady(), which bumps the line's
 // signal count that waiting readers watch.
-#include "devices.h"
+//
+// Under the real clock the line has the speed the DCB sets: a byte the peer
+// offers reaches the reader one character time after the one before it, and
+// a write is handed to the peer when its bytes would have gone out. Under
+// the virtual clock bytes move at once.
+#include "serial.h"
 
 #include <tamrix/serial_port.h>
 
@@ -16,6 +21,7 @@
 #include <deque>
 #include <limits>
 #include <map>
+#include <mutex>
 
 namespace plat
 {
@@ -35,6 +41,11 @@ struct Line {
     std::deque<uint8_t> input;
     uint64_t signal = 0; // bumped whenever waiting readers must look again
     DWORD writeLimit = MAXDWORD;
+    // Real clock only: when the last byte of `input` reaches the reader and
+    // when the line is free for the next write, in microseconds of platform
+    // time. Bytes not yet arrived are always the tail of `input`.
+    uint64_t rxDoneUs = 0;
+    uint64_t txFreeUs = 0;
 
     Line()
     {
@@ -74,7 +85,23 @@ void Signal(Line &line)
     WakeAll();
 }
 
-class ComPort : public Stream
+bool Paced()
+{
+    return !PlatIsVirtualClock();
+}
+
+// Under the world lock: bytes at the front of the input queue that have
+// reached the reader by `nowUs`.
+size_t ArrivedLocked(const Line &line, uint64_t nowUs)
+{
+    if (line.rxDoneUs <= nowUs)
+        return line.input.size();
+    const uint64_t charUs = CharacterMicros(line.dcb);
+    const uint64_t missing = (line.rxDoneUs - nowUs + charUs - 1) / charUs;
+    return line.input.size() - std::min<size_t>(line.input.size(), missing);
+}
+
+class ComPort : public CommPort
 {
 public:
     explicit ComPort(std::shared_ptr<Line> line) : line_(std::move(line)) {}
@@ -99,19 +126,10 @@ public:
                 return false;
             t = line_->timeouts;
         }
-        // The documented combinations: MAXDWORD interval with zero totals
-        // returns at once; MAXDWORD interval and multiplier with a constant
-        // returns as soon as any byte is there; otherwise the total time-out
-        // (multiplier × n + constant) bounds the read, none when both are 0.
         // Interval time-outs between bytes are not modelled.
-        const bool immediate =
-            t.ReadIntervalTimeout == MAXDWORD && t.ReadTotalTimeoutMultiplier == 0 && t.ReadTotalTimeoutConstant == 0;
-        const bool anyByte = t.ReadIntervalTimeout == MAXDWORD && t.ReadTotalTimeoutMultiplier == MAXDWORD &&
-                             t.ReadTotalTimeoutConstant != 0 && t.ReadTotalTimeoutConstant != MAXDWORD;
-        uint64_t total = anyByte ? t.ReadTotalTimeoutConstant
-                                 : uint64_t(t.ReadTotalTimeoutMultiplier) * size + t.ReadTotalTimeoutConstant;
-        const bool bounded = anyByte || t.ReadTotalTimeoutMultiplier != 0 || t.ReadTotalTimeoutConstant != 0;
-        const uint64_t deadline = bounded ? Now64() + total : std::numeric_limits<uint64_t>::max();
+        const ReadPlan plan = PlanRead(t, size);
+        const uint64_t deadline = plan.bounded ? Now64() + plan.totalMs : std::numeric_limits<uint64_t>::max();
+        const bool paced = Paced();
 
         for (;;) {
             uint64_t seen;
@@ -121,19 +139,22 @@ public:
             }
             Pull(size - *done);
             Lock lock = LockWorld();
-            DWORD n = static_cast<DWORD>(std::min<size_t>(line_->input.size(), size - *done));
+            uint64_t now = Now64();
+            size_t ready = paced ? ArrivedLocked(*line_, now * 1000) : line_->input.size();
+            DWORD n = static_cast<DWORD>(std::min<size_t>(ready, size - *done));
             std::copy_n(line_->input.begin(), n, out + *done);
             line_->input.erase(line_->input.begin(), line_->input.begin() + n);
             *done += n;
-            if (*done == size || immediate || (anyByte && *done > 0))
+            if (*done == size || plan.immediate || (plan.anyByte && *done > 0))
                 return true;
             if (Aborted())
                 return false;
-            uint64_t now = Now64();
             if (now >= deadline)
                 return true;
-            DWORD wait = bounded ? static_cast<DWORD>(std::min<uint64_t>(deadline - now, INFINITE - 1)) : INFINITE;
-            Wait(lock, wait, [&] { return line_->signal != seen; });
+            uint64_t wait = plan.bounded ? deadline - now : INFINITE;
+            if (paced && !line_->input.empty()) // the next byte is on its way
+                wait = std::min<uint64_t>(wait, CharacterMicros(line_->dcb) / 1000 + 1);
+            Wait(lock, static_cast<DWORD>(std::min<uint64_t>(wait, INFINITE)), [&] { return line_->signal != seen; });
         }
     }
 
@@ -155,6 +176,15 @@ public:
             return false;
         }
         DWORD n = std::min(size, limit);
+        if (n && Paced()) {
+            // The bytes reach the peer when they have gone out on the line.
+            Lock lock = LockWorld();
+            const uint64_t nowUs = Now64() * 1000;
+            line_->txFreeUs = std::max(line_->txFreeUs, nowUs) + n * CharacterMicros(line_->dcb);
+            const uint64_t until = line_->txFreeUs / 1000;
+            Wait(lock, static_cast<DWORD>(std::min<uint64_t>(until - std::min(until, Now64()), INFINITE - 1)),
+                 [] { return false; });
+        }
         if (n)
             peer->Receive(static_cast<const uint8_t *>(buffer), n);
         *done = n;
@@ -183,6 +213,8 @@ public:
                 break;
             Lock lock = LockWorld();
             line_->input.insert(line_->input.end(), chunk, chunk + n);
+            if (Paced())
+                line_->rxDoneUs = std::max(line_->rxDoneUs, Now64() * 1000) + n * CharacterMicros(line_->dcb);
             max -= n;
         }
     }
@@ -198,17 +230,87 @@ public:
         return false;
     }
 
+    bool GetState(DCB *dcb) override
+    {
+        Lock lock = LockWorld();
+        *dcb = line_->dcb;
+        return true;
+    }
+
+    bool SetState(const DCB &dcb) override
+    {
+        Lock lock = LockWorld();
+        line_->dcb = dcb;
+        return true;
+    }
+
+    bool GetTimeouts(COMMTIMEOUTS *timeouts) override
+    {
+        Lock lock = LockWorld();
+        *timeouts = line_->timeouts;
+        return true;
+    }
+
+    bool SetTimeouts(const COMMTIMEOUTS &timeouts) override
+    {
+        Lock lock = LockWorld();
+        line_->timeouts = timeouts;
+        return true;
+    }
+
+    bool Purge(DWORD flags) override
+    {
+        std::shared_ptr<tamrix::SerialPeer> peer;
+        {
+            Lock lock = LockWorld();
+            if (flags & (PURGE_RXABORT | PURGE_RXCLEAR)) {
+                line_->input.clear();
+                line_->rxDoneUs = 0;
+            }
+            peer = line_->peer;
+            Signal(*line_);
+        }
+        // Nothing waits in the output queue: writes reach the peer whole.
+        if (peer && flags)
+            peer->Purged(flags);
+        return true;
+    }
+
+    bool ClearError(DWORD *errors, COMSTAT *stat) override
+    {
+        DWORD found;
+        size_t queued;
+        std::shared_ptr<tamrix::SerialPeer> peer;
+        const bool paced = Paced();
+        {
+            Lock lock = LockWorld();
+            found = line_->errors;
+            line_->errors = 0;
+            queued = paced ? ArrivedLocked(*line_, Now64() * 1000) : line_->input.size();
+            peer = line_->peer;
+        }
+        // Unpaced, what the peer has ready is as good as received.
+        if (peer && !paced)
+            queued += peer->Pending();
+        if (errors)
+            *errors = found;
+        if (stat) {
+            *stat = COMSTAT{};
+            stat->cbInQue = static_cast<DWORD>(std::min<size_t>(queued, MAXDWORD));
+            stat->cbOutQue = 0;
+        }
+        return true;
+    }
+
+    bool Escape(DWORD) override
+    {
+        // The modem lines and the break state are not carried to the peer.
+        return true;
+    }
+
 private:
     std::shared_ptr<Line> line_;
 };
-
-std::shared_ptr<ComPort> FindPort(HANDLE handle)
-{
-    auto port = Find<ComPort>(handle);
-    if (!port)
-        SetError(ERROR_INVALID_HANDLE);
-    return port;
-}
 
 std::shared_ptr<Stream> OpenPort(unsigned port)
 {
@@ -340,7 +442,40 @@ bool Missing(const void *p)
     return true;
 }
 
+std::shared_ptr<CommPort> FindPort(HANDLE handle)
+{
+    auto port = Find<CommPort>(handle);
+    if (!port)
+        SetError(ERROR_INVALID_HANDLE);
+    return port;
+}
+
 } // namespace
+
+namespace plat
+{
+
+ReadPlan PlanRead(const COMMTIMEOUTS &t, DWORD size)
+{
+    ReadPlan plan;
+    plan.immediate =
+        t.ReadIntervalTimeout == MAXDWORD && t.ReadTotalTimeoutMultiplier == 0 && t.ReadTotalTimeoutConstant == 0;
+    plan.anyByte = t.ReadIntervalTimeout == MAXDWORD && t.ReadTotalTimeoutMultiplier == MAXDWORD &&
+                   t.ReadTotalTimeoutConstant != 0 && t.ReadTotalTimeoutConstant != MAXDWORD;
+    plan.totalMs = plan.anyByte ? t.ReadTotalTimeoutConstant
+                                : uint64_t(t.ReadTotalTimeoutMultiplier) * size + t.ReadTotalTimeoutConstant;
+    plan.bounded = plan.anyByte || t.ReadTotalTimeoutMultiplier != 0 || t.ReadTotalTimeoutConstant != 0;
+    plan.intervalMs = t.ReadIntervalTimeout == MAXDWORD ? 0 : t.ReadIntervalTimeout;
+    return plan;
+}
+
+uint64_t CharacterMicros(const DCB &dcb)
+{
+    const uint64_t bits = 1 + dcb.ByteSize + (dcb.Parity != NOPARITY ? 1 : 0) + (dcb.StopBits == ONESTOPBIT ? 1 : 2);
+    return dcb.BaudRate ? std::max<uint64_t>(1, bits * 1000000 / dcb.BaudRate) : 1;
+}
+
+} // namespace plat
 
 extern "C" {
 
@@ -351,9 +486,7 @@ BOOL WINAPI GetCommState(HANDLE file, LPDCB dcb)
     auto port = FindPort(file);
     if (!port || Missing(dcb))
         return FALSE;
-    Lock lock = LockWorld();
-    *dcb = port->line().dcb;
-    return TRUE;
+    return port->GetState(dcb) ? TRUE : FALSE;
 }
 
 BOOL WINAPI SetCommState(HANDLE file, LPDCB dcb)
@@ -367,9 +500,7 @@ BOOL WINAPI SetCommState(HANDLE file, LPDCB dcb)
         SetError(ERROR_INVALID_PARAMETER);
         return FALSE;
     }
-    Lock lock = LockWorld();
-    port->line().dcb = *dcb;
-    return TRUE;
+    return port->SetState(*dcb) ? TRUE : FALSE;
 }
 
 BOOL WINAPI GetCommTimeouts(HANDLE file, LPCOMMTIMEOUTS timeouts)
@@ -379,9 +510,7 @@ BOOL WINAPI GetCommTimeouts(HANDLE file, LPCOMMTIMEOUTS timeouts)
     auto port = FindPort(file);
     if (!port || Missing(timeouts))
         return FALSE;
-    Lock lock = LockWorld();
-    *timeouts = port->line().timeouts;
-    return TRUE;
+    return port->GetTimeouts(timeouts) ? TRUE : FALSE;
 }
 
 BOOL WINAPI SetCommTimeouts(HANDLE file, LPCOMMTIMEOUTS timeouts)
@@ -391,9 +520,7 @@ BOOL WINAPI SetCommTimeouts(HANDLE file, LPCOMMTIMEOUTS timeouts)
     auto port = FindPort(file);
     if (!port || Missing(timeouts))
         return FALSE;
-    Lock lock = LockWorld();
-    port->line().timeouts = *timeouts;
-    return TRUE;
+    return port->SetTimeouts(*timeouts) ? TRUE : FALSE;
 }
 
 BOOL WINAPI SetupComm(HANDLE file, DWORD inQueue, DWORD outQueue)
@@ -419,19 +546,7 @@ BOOL WINAPI PurgeComm(HANDLE file, DWORD flags)
         SetError(ERROR_INVALID_PARAMETER);
         return FALSE;
     }
-    std::shared_ptr<tamrix::SerialPeer> peer;
-    {
-        Lock lock = LockWorld();
-        Line &line = port->line();
-        if (flags & (PURGE_RXABORT | PURGE_RXCLEAR))
-            line.input.clear();
-        peer = line.peer;
-        Signal(line);
-    }
-    // Nothing waits in the output queue: writes go to the peer at once.
-    if (peer && flags)
-        peer->Purged(flags);
-    return TRUE;
+    return port->Purge(flags) ? TRUE : FALSE;
 }
 
 BOOL WINAPI ClearCommError(HANDLE file, LPDWORD errors, LPCOMSTAT stat)
@@ -441,27 +556,7 @@ BOOL WINAPI ClearCommError(HANDLE file, LPDWORD errors, LPCOMSTAT stat)
     auto port = FindPort(file);
     if (!port)
         return FALSE;
-    DWORD found;
-    size_t queued;
-    std::shared_ptr<tamrix::SerialPeer> peer;
-    {
-        Lock lock = LockWorld();
-        Line &line = port->line();
-        found = line.errors;
-        line.errors = 0;
-        queued = line.input.size();
-        peer = line.peer;
-    }
-    if (peer)
-        queued += peer->Pending();
-    if (errors)
-        *errors = found;
-    if (stat) {
-        *stat = COMSTAT{};
-        stat->cbInQue = static_cast<DWORD>(std::min<size_t>(queued, MAXDWORD));
-        stat->cbOutQue = 0;
-    }
-    return TRUE;
+    return port->ClearError(errors, stat) ? TRUE : FALSE;
 }
 
 BOOL WINAPI EscapeCommFunction(HANDLE file, DWORD function)
@@ -471,12 +566,11 @@ BOOL WINAPI EscapeCommFunction(HANDLE file, DWORD function)
     auto port = FindPort(file);
     if (!port)
         return FALSE;
-    // The modem lines and the break state are not carried to the peer.
     if ((function < SETXOFF || function > CLRDTR) && function != kSetBreak && function != kClrBreak) {
         SetError(ERROR_INVALID_PARAMETER);
         return FALSE;
     }
-    return TRUE;
+    return port->Escape(function) ? TRUE : FALSE;
 }
 
 } // extern "C"

@@ -41,9 +41,10 @@ const char kHelp[] = "usage: mcicmd [options] [COMMAND...]\n"
                      "  -f, --file FILE     read commands from FILE, one per line; blank lines and\n"
                      "                      lines starting with '#' are skipped\n"
                      "  -k, --keep-going    go on after a failed command (exit status still 1)\n"
-                     "  --windir DIR        Windows directory holding system.ini and win.ini\n"
-                     "                      (default: a private directory, ~/.cache/tamrix/mcicmd,\n"
-                     "                      in which the driver is entered in system.ini)\n"
+                     "  --windir DIR        Windows directory holding system.ini, win.ini and\n"
+                     "                      dosdevices (default: $TAMRIX_WINDIR, else a private\n"
+                     "                      directory, ~/.cache/tamrix/mcicmd, in which the driver\n"
+                     "                      is entered in system.ini)\n"
                      "  --install           install the driver through its DRV_INSTALL message\n"
                      "                      (OpenDriver/SendDriverMessage) before running commands\n"
                      "  --timeout MS        time limit of .wait (default 30000)\n"
@@ -69,7 +70,10 @@ const char kHelp[] = "usage: mcicmd [options] [COMMAND...]\n"
                      "(system.ini [MCI32] Scanner=TAMRIX.DLL). Unless --no-scanner is given, a\n"
                      "virtual scanner of the model win.ini [TAMRIX] names (default: KS-650 on\n"
                      "RS-232C, COM1) is attached to the interface the driver will open, and\n"
-                     "speaks that scanner's wire protocol; a line on standard error says which.\n";
+                     "speaks that scanner's wire protocol; a line on standard error says which.\n"
+                     "A COM port that the Windows directory links to a tty (dosdevices/com1 ->\n"
+                     "/dev/ttyUSB0) is that tty: no virtual scanner is put there, and the clock\n"
+                     "is real.\n";
 
 HWND g_wnd;
 int g_pending; // notify commands not yet answered
@@ -228,8 +232,10 @@ void SetUpModulePath()
 bool SetUpWindowsDirectory(const Options &opt)
 {
     std::string dir = opt.windir;
-    bool privateDir = dir.empty();
-    if (privateDir) {
+    if (const char *env = std::getenv("TAMRIX_WINDIR"); dir.empty() && env && *env)
+        dir = env;
+    const bool enterDriver = opt.windir.empty(); // not in a directory the user named
+    if (dir.empty()) {
         const char *home = std::getenv("HOME");
         dir = std::string(home && *home ? home : "/tmp") + "/.cache/tamrix/mcicmd";
     }
@@ -240,7 +246,7 @@ bool SetUpWindowsDirectory(const Options &opt)
         return false;
     }
     PlatSetWindowsDirectory(dir.c_str());
-    if (privateDir)
+    if (enterDriver)
         WritePrivateProfileStringW(TEXT("MCI32"), TEXT("Scanner"), TEXT("TAMRIX.DLL"), TEXT("system.ini"));
     return true;
 }
@@ -343,7 +349,7 @@ int main(int argc, char **argv)
             return 2;
         }
         std::fprintf(stderr, "mcicmd: %s\n", scanner->description().c_str());
-        if (!opt.realTime)
+        if (!opt.realTime && !scanner->linked())
             PlatUseVirtualClock(TRUE);
     }
 

@@ -6,7 +6,11 @@
 #include "scsi_scanner.h"
 #include "serial_link.h"
 
+#include <tamrix/platform.h>
 #include <windows.h>
+
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cctype>
@@ -44,6 +48,20 @@ std::u16string Wide(unsigned v)
     for (char c : std::to_string(v))
         w.push_back((char16_t)c);
     return w;
+}
+
+// The tty that dosdevices/comN of the Windows directory names, if any.
+bool LinkedTty(unsigned port, std::string *target)
+{
+    const std::string link = std::string(PlatGetWindowsDirectory()) + "/dosdevices/com" + std::to_string(port);
+    struct stat st {
+    };
+    if (::lstat(link.c_str(), &st) != 0)
+        return false;
+    char buffer[4096];
+    ssize_t n = S_ISLNK(st.st_mode) ? ::readlink(link.c_str(), buffer, sizeof buffer - 1) : -1;
+    *target = n > 0 ? std::string(buffer, static_cast<size_t>(n)) : link;
+    return true;
 }
 
 } // namespace
@@ -151,6 +169,11 @@ VirtualScanner::VirtualScanner(const ScannerChoice &c) : parts_(std::make_unique
         parts_->scsi = sim::ScsiScanner::Attach((int)c.model);
         attached_ = parts_->scsi != nullptr;
         where = "\\\\.\\SCNR0";
+    } else if (c.interface == 2 && LinkedTty(c.id, &where)) {
+        attached_ = linked_ = true;
+        description_ = "COM" + std::to_string(c.id) + " is linked to " + where + " (dosdevices/com" +
+                       std::to_string(c.id) + "): no virtual scanner, the " + model + " on that line answers";
+        return;
     } else if (c.interface == 2) {
         parts_->serial = std::make_unique<sim::SerialLink>(c.id, std::make_shared<sim::BlockScanner>((int)c.model, 5));
         attached_ = parts_->serial->attached();

@@ -37,12 +37,17 @@ public:
     VirtualScanner(const VirtualScanner &) = delete;
     VirtualScanner &operator=(const VirtualScanner &) = delete;
     bool attached() const { return attached_; }
+    // The COM port is linked to a host tty (dosdevices/comN in the Windows
+    // directory): the scanner is whatever answers on that tty, in real time,
+    // and no virtual scanner is attached.
+    bool linked() const { return linked_; }
     const std::string &description() const { return description_; }
 
 private:
     struct Parts;
     std::unique_ptr<Parts> parts_;
     bool attached_ = false;
+    bool linked_ = false;
     std::string description_;
 };
 
