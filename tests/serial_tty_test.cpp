@@ -150,6 +150,16 @@ protected:
         PlatformTest::SetUp();
         WritePrivateProfileStringW(TEXT("MCI32"), TEXT("Scanner"), TEXT("TAMRIX.DLL"), TEXT("system.ini"));
         Configure(1);
+        // Kept loaded between the closes and opens of a test: unloading the
+        // driver while its display thread is still ending is another matter
+        // than the line's, and is left to the tests of close.
+        driver_ = LoadLibraryW(TEXT("TAMRIX.DLL"));
+        ASSERT_NE(driver_, nullptr);
+    }
+    void TearDown() override
+    {
+        FreeLibrary(driver_);
+        PlatformTest::TearDown();
     }
     // A KS-620 on RS-232C, COMn, 19200 baud.
     static void Configure(unsigned port)
@@ -167,6 +177,7 @@ protected:
         return mciSendStringW((LPCWSTR)wide.c_str(), ret, 64, nullptr);
     }
     tamrix_test::TempDir windir_{true};
+    HMODULE driver_ = nullptr;
 };
 
 // The page through a pty from the scanner program equals the page through an
