@@ -375,9 +375,10 @@ void Scanner::Post(std::function<void()> job)
 
 template <class F> auto Scanner::Call(F f) -> decltype(f())
 {
-    std::packaged_task<decltype(f())()> task(std::move(f));
-    auto result = task.get_future();
-    Post([&task] { task(); });
+    // The job owns the task: it may still be in it when the caller wakes.
+    auto task = std::make_shared<std::packaged_task<decltype(f())()>>(std::move(f));
+    auto result = task->get_future();
+    Post([task] { (*task)(); });
     return result.get();
 }
 

@@ -43,15 +43,17 @@ def expect(condition, what, output=b""):
 
 
 CONF = ["# scanners of the tests", "ks-650:rs232c:1 virtual", "ks-620:gpib:5 virtual", "ks-640:scsi virtual",
-        "kt-700:gpib:3 virtual", "ks-999 virtual"]
+        "ks-630:rs232c:2 virtual  # three passes in colour", "kt-700:gpib:3 virtual", "ks-999 virtual",
+        "ks-630:scsi virtual"]
 
 
 def case_list():
     out = scanimage(["-L"], CONF).stdout
-    for name, model in (("ks-650:rs232c:1", "KS-650"), ("ks-620:gpib:5", "KS-620"), ("ks-640:scsi", "KS-640")):
+    for name, model in (("ks-650:rs232c:1", "KS-650"), ("ks-620:gpib:5", "KS-620"), ("ks-640:scsi", "KS-640"),
+                        ("ks-630:rs232c:2", "KS-630")):
         expect(("device `tamrix:%s' is a Korvane %s flatbed scanner" % (name, model)).encode() in out,
                "scanimage -L lists %s" % name, out)
-    expect(out.count(b"tamrix:") == 3, "the lines the driver cannot serve are left out", out)
+    expect(out.count(b"tamrix:") == 4, "the lines the driver cannot serve are left out", out)
     # Without tamrix.conf a new user still sees one scanner.
     os.remove(os.path.join(WORK, "conf", "tamrix.conf"))
     out = scanimage(["-L"], None).stdout
