@@ -66,6 +66,10 @@ static BOOL ProbeGpib(void)
         return FALSE;
     create = (CfgGpibProc)(void (*)(void))GetProcAddress(g_gpibModule, "CreateGpib");
     close = (CfgGpibProc)(void (*)(void))GetProcAddress(g_gpibModule, "CloseGpib");
+    if (create == NULL || close == NULL) {
+        GpFreeLibrary();
+        return FALSE;
+    }
     board = create(0);
     close(board);
     GpFreeLibrary();

@@ -201,6 +201,10 @@ void CfgArrowPaint(HWND wnd, DWORD state)
     int w, h, hh, cx, qy, up = 0, down = 0;
     POINT tri[3];
 
+    /* Without a paint DC the arrows are not drawn this time; the window is
+       marked painted all the same, or it would be asked again at once. */
+    if (dc == NULL)
+        ValidateRect(wnd, NULL);
     GetClientRect(wnd, &client);
     w = client.right;
     h = client.bottom;

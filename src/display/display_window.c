@@ -58,6 +58,11 @@ static void DispPaint(void)
     LONG x, y, w, h;
 
     dc = BeginPaint(g_displayWnd, &ps);
+    if (dc == NULL) {
+        /* Nothing to paint with: marked painted, not asked again at once. */
+        ValidateRect(g_displayWnd, NULL);
+        return;
+    }
     x = ps.rcPaint.left + g_scrollX;
     y = ps.rcPaint.top + g_scrollY;
     w = ps.rcPaint.right;
