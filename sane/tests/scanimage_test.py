@@ -5,7 +5,9 @@ the same page saved by mcicmd.
 
 usage: scanimage_test.py BUILD_DIR CASE [ARGS...]
 """
+import atexit
 import os
+import shutil
 import signal
 import subprocess
 import sys
@@ -15,6 +17,7 @@ from PIL import Image
 
 BUILD = sys.argv[1]
 WORK = tempfile.mkdtemp(prefix="tamrix-sane-")
+atexit.register(shutil.rmtree, WORK, True)
 
 
 def env(conf_lines):
@@ -86,17 +89,19 @@ def case_conformance(spec):
     expect(r.stderr.count(b"PASS") >= 20 and b"FAIL" not in r.stderr, "scanimage -T passes", r.stderr)
 
 
-def case_page(spec, mode, resolution, depth):
+def case_page(spec, mode, resolution, depth, conf=CONF, windir=None, size=(2, 3)):
     """The same rectangle through scanimage and through mcicmd."""
     res = int(resolution)
     # 25.4 mm is `res` dots; the rectangle starts 10.16 mm in.
-    x, y, w, h = res * 4 // 10, res * 4 // 10, res * 2, res * 3
+    x, y, w, h = res * 4 // 10, res * 4 // 10, int(res * size[0]), int(res * size[1])
     args = ["-d", "tamrix:" + spec, "--mode", mode, "--resolution", resolution, "-l", "%.4f" % (x * 25.4 / res),
             "-t", "%.4f" % (y * 25.4 / res), "-x", "%.4f" % (w * 25.4 / res), "-y", "%.4f" % (h * 25.4 / res),
             "--format=png", "-o", os.path.join(WORK, "sane.png")]
     if depth != "-":
         args += ["--depth", depth]
-    scanimage(args, CONF)
+    r = subprocess.run(["scanimage"] + args, env=dict(env(conf), **({"TAMRIX_WINDIR": windir} if windir else {})),
+                       capture_output=True, timeout=240)
+    expect(r.returncode == 0, "scanimage scan", r.stderr)
 
     colorstep = "halftone" if mode == "Halftone" else "colorstep %d" % (2 ** (int(depth) if depth != "-" else 1))
     colormode = 16386 if mode == "Color" else 16385
@@ -137,6 +142,23 @@ def case_interrupt():
     expect(b"cancel: stopping the scan" in seen and b"the scan failed" not in seen, "MCI stop sent", seen)
 
 
+def case_tty():
+    """A scanner configured without "virtual" on COM1, whose dosdevices link
+    names a pty that tamrix-scanner serves in real time: the same page."""
+    windir = os.path.join(WORK, "ttywin")
+    os.makedirs(os.path.join(windir, "dosdevices"))
+    server = subprocess.Popen([os.path.join(BUILD, "bin", "tamrix-scanner"), "--model", "2"],
+                              stdout=subprocess.PIPE, stderr=subprocess.DEVNULL)
+    try:
+        pty = server.stdout.readline().decode().strip()
+        expect(pty.startswith("/dev/"), "tamrix-scanner names its pty", pty)
+        os.symlink(pty, os.path.join(windir, "dosdevices", "com1"))
+        case_page("ks-620:rs232c:1", "Lineart", "90", "-", conf=["ks-620:rs232c:1"], windir=windir, size=(1, 5))
+    finally:
+        server.terminate()
+        server.wait()
+
+
 def case_installed(cmake):
     """cmake --install into a staging folder; SANE's dll backend finds the
     backend through dll.d and scanimage -d tamrix passes its test."""
@@ -164,5 +186,5 @@ def case_installed(cmake):
 
 if __name__ == "__main__":
     {"list": case_list, "options": case_options, "conformance": case_conformance, "page": case_page,
-     "installed": case_installed, "interrupt": case_interrupt}[sys.argv[2]](
+     "installed": case_installed, "interrupt": case_interrupt, "tty": case_tty}[sys.argv[2]](
         *sys.argv[3:])
