@@ -6,6 +6,9 @@
 // the run), with nothing left alive once the device is closed and the driver
 // unloaded, and with the image from before the failure intact.
 //
+// TAMRIX_SWEEP_SEED changes the sample, TAMRIX_SWEEP_ONLY=API:N runs only
+// that failure, TAMRIX_SWEEP_VERBOSE=1 prints each clean run's calls.
+//
 // Scenarios through WINMM run the real driver module; model 7 (which the
 // settings cannot select) and the dialogs, which need the driver's own
 // window handles, run the driver built into the test program.
@@ -186,14 +189,15 @@ std::vector<unsigned> Occurrences(unsigned n, std::mt19937 &random)
     return picks;
 }
 
-// Runs one scenario once; `api` empty for the clean run. Returns the calls
-// Act() made; `fired` tells whether the injected failure happened.
+// The call failing in the current run; empty in the clean run.
 std::string &Failing()
 {
     static std::string api;
     return api;
 }
 
+// Runs one scenario once; `api` empty for the clean run. Returns the calls
+// Act() made; `fired` tells whether the injected failure happened.
 Calls RunOnce(const Sweep &sweep, const std::string &api, unsigned nth, bool *fired)
 {
     Failing() = api;
@@ -279,8 +283,8 @@ const std::string &Only()
 }
 
 // Sweeps every call of every scenario; returns the calls whose injected
-// failure happened at least once.
-std::set<std::string> RunSweeps(const std::vector<Sweep> &sweeps)
+// failure happened at least once, and in `pending` those made but skipped.
+std::set<std::string> RunSweeps(const std::vector<Sweep> &sweeps, std::set<std::string> *pending)
 {
     std::set<std::string> fired;
     for (const Sweep &sweep : sweeps) {
@@ -301,7 +305,7 @@ std::set<std::string> RunSweeps(const std::vector<Sweep> &sweeps)
         for (const auto &[api, n] : clean) {
             if (const Pending *p = FindPending(sweep.name, api)) {
                 std::printf("PENDING %s: %s failing: %s\n", sweep.name, api.c_str(), p->reason);
-                fired.insert(api);
+                pending->insert(api);
                 continue;
             }
             for (unsigned k : Occurrences(n, random)) {
@@ -367,6 +371,26 @@ private:
     std::shared_ptr<sim::ScsiScanner> scsi_;
 };
 
+// Runs the calling thread's message loop for up to `ms` of (virtual) time,
+// or until a notification came when `untilOne`; returns the codes heard.
+Codes PumpNotes(DWORD ms, bool untilOne)
+{
+    Codes codes;
+    DWORD start = GetTickCount();
+    for (;;) {
+        MSG msg;
+        while (PeekMessageW(&msg, nullptr, 0, 0, PM_REMOVE)) {
+            if (msg.message == MM_MCINOTIFY)
+                codes.push_back((DWORD)msg.wParam);
+            else
+                DispatchMessageW(&msg);
+        }
+        if ((untilOne && !codes.empty()) || GetTickCount() - start >= ms)
+            return codes;
+        Sleep(50);
+    }
+}
+
 // The application: a window for notifications, command strings, its message
 // loop, and what it reads from the clipboard and from saved files.
 class App
@@ -397,25 +421,7 @@ public:
     std::u16string Ret() const { return ret_; }
     bool IsOpen() const { return mciGetDeviceIDW(u"s") != 0; }
 
-    // Runs the message loop for up to `ms` of (virtual) time, or until a
-    // notification came when `untilOne`; returns the codes heard.
-    Codes Pump(DWORD ms, bool untilOne)
-    {
-        Codes codes;
-        DWORD start = GetTickCount();
-        for (;;) {
-            MSG msg;
-            while (PeekMessageW(&msg, nullptr, 0, 0, PM_REMOVE)) {
-                if (msg.message == MM_MCINOTIFY && msg.hwnd == wnd_)
-                    codes.push_back((DWORD)msg.wParam);
-                else
-                    DispatchMessageW(&msg);
-            }
-            if ((untilOne && !codes.empty()) || GetTickCount() - start >= ms)
-                return codes;
-            Sleep(50);
-        }
-    }
+    Codes Pump(DWORD ms, bool untilOne) { return PumpNotes(ms, untilOne); }
     // A notified command: its result, then the notifications heard until
     // one came and two seconds more (a second one would be wrong).
     DWORD Notified(const std::u16string &cmd, Codes *notes)
@@ -904,19 +910,8 @@ public:
         rc_ = Scan(8, 4, 48, 32, notify_ ? MCI_NOTIFY : MCI_WAIT);
         MCI_GENERIC_PARMS p{(DWORD_PTR)wnd_};
         stop_ = BuiltInDriver::Send(MCI_STOP, MCI_WAIT, &p);
-        if (notify_ && rc_ == 0) {
-            DWORD start = GetTickCount();
-            while (notes_.empty() && GetTickCount() - start < 600000) {
-                MSG msg;
-                while (PeekMessageW(&msg, nullptr, 0, 0, PM_REMOVE)) {
-                    if (msg.message == MM_MCINOTIFY)
-                        notes_.push_back((DWORD)msg.wParam);
-                    else
-                        DispatchMessageW(&msg);
-                }
-                Sleep(50);
-            }
-        }
+        if (notify_ && rc_ == 0)
+            notes_ = PumpNotes(600000, true);
     }
     void Check(bool clean) override
     {
@@ -1028,17 +1023,8 @@ public:
             ScanModeParms p{(DWORD_PTR)wnd, 200, 0, 0, 0};
             const DWORD flags = MCI_SCANMODE_RESOLUTION | MCI_SCANMODE_DIALOG;
             rc_ = BuiltInDriver::Send(MCI_SCANMODE, flags | (notify_ ? MCI_NOTIFY : MCI_WAIT), &p);
-            DWORD start = GetTickCount();
-            while (notify_ && rc_ == 0 && notes_.empty() && GetTickCount() - start < 600000) {
-                MSG msg;
-                while (PeekMessageW(&msg, nullptr, 0, 0, PM_REMOVE)) {
-                    if (msg.message == MM_MCINOTIFY)
-                        notes_.push_back((DWORD)msg.wParam);
-                    else
-                        DispatchMessageW(&msg);
-                }
-                Sleep(50);
-            }
+            if (notify_ && rc_ == 0)
+                notes_ = PumpNotes(600000, true);
             DestroyWindow(wnd);
         });
     }
@@ -1232,7 +1218,8 @@ const std::map<std::string, std::vector<std::string>> &MustReach()
 
 void RunAndCheckReach(const char *group, const std::vector<Sweep> &sweeps)
 {
-    std::set<std::string> fired = RunSweeps(sweeps);
+    std::set<std::string> pending;
+    std::set<std::string> fired = RunSweeps(sweeps, &pending);
     std::printf("%s: %zu calls failed in turn:", group, fired.size());
     for (const std::string &api : fired)
         std::printf(" %s", api.c_str());
@@ -1240,12 +1227,12 @@ void RunAndCheckReach(const char *group, const std::vector<Sweep> &sweeps)
     if (::testing::Test::HasFailure())
         return;
     for (const std::string &api : MustReach().at(group)) {
-        EXPECT_TRUE(fired.count(api)) << group << " never made " << api << " fail";
+        EXPECT_TRUE(fired.count(api) || pending.count(api)) << group << " never made " << api << " fail";
+        if (!fired.count(api) && pending.count(api))
+            std::printf("%s: %s made, its failure pending\n", group, api.c_str());
     }
 }
 
-// Each run checks what it leaves behind itself (a failed DeleteObject may
-// leave its object), so the fixture does not compare the counts again.
 class FaultSweep : public ::testing::Test
 {
 protected:
