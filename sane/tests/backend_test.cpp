@@ -30,7 +30,7 @@ protected:
         dir_ = std::filesystem::temp_directory_path() / ("tamrix-sane-" + std::to_string(getpid()));
         std::filesystem::create_directories(dir_);
         std::ofstream(dir_ / "tamrix.conf") << "ks-640:scsi virtual\nks-620:gpib:5 virtual\n"
-                                               "ks-660:scsi\nks-650:rs232c:3\n";
+                                               "ks-650:scsi\nks-650:rs232c:3\n";
         setenv("SANE_CONFIG_DIR", dir_.c_str(), 1);
         setenv("TAMRIX_WINDIR", (dir_ / "windir").c_str(), 1);
         ASSERT_EQ(sane_init(nullptr, nullptr), SANE_STATUS_GOOD);
@@ -199,11 +199,12 @@ TEST_F(BackendTest, CancelStopsAScanTheNextScanWorksAndNothingLeaks)
 TEST_F(BackendTest, ExtendedSettingsReachTheScannerThroughTheDriversDialog)
 {
     // A scanner the test attaches itself, to see the window the driver sends.
-    auto scsi = sim::ScsiScanner::Attach(6);
+    auto scsi = sim::ScsiScanner::Attach(5);
     PlatUseVirtualClock(TRUE);
     SANE_Handle h = nullptr;
-    ASSERT_EQ(sane_open("ks-660:scsi", &h), SANE_STATUS_GOOD);
+    ASSERT_EQ(sane_open("ks-650:scsi", &h), SANE_STATUS_GOOD);
     ASSERT_EQ(SetWord(h, SANE_NAME_SCAN_BR_Y, SANE_FIX(10.0)), SANE_STATUS_GOOD);
+    ASSERT_EQ(SetText(h, SANE_NAME_SCAN_MODE, SANE_VALUE_SCAN_MODE_COLOR), SANE_STATUS_GOOD);
     auto scan = [&] {
         std::vector<SANE_Byte> frame;
         EXPECT_EQ(sane_start(h), SANE_STATUS_GOOD);
@@ -215,11 +216,23 @@ TEST_F(BackendTest, ExtendedSettingsReachTheScannerThroughTheDriversDialog)
     ASSERT_EQ(SetWord(h, SANE_NAME_BRIGHTNESS, 1), SANE_STATUS_GOOD);
     ASSERT_EQ(SetText(h, "gamma-correction", "Printer 1"), SANE_STATUS_GOOD);
     ASSERT_EQ(SetWord(h, "edge-enhancement", SANE_TRUE), SANE_STATUS_GOOD);
-    EXPECT_FALSE(Active(h, "noise-reduction")) << "a KS-660 has none";
+    ASSERT_EQ(SetWord(h, "tint", 1), SANE_STATUS_GOOD);
+    ASSERT_EQ(SetWord(h, "saturation", 8), SANE_STATUS_GOOD);
+    EXPECT_FALSE(Active(h, "noise-reduction")) << "a KS-650 has none";
     const sim::ScsiWindow changed = scan();
     EXPECT_NE(changed.brightness, plain.brightness);
     EXPECT_NE(changed.gamma, plain.gamma);
     EXPECT_NE(changed.vendorFlags, plain.vendorFlags);
+    EXPECT_NE(changed.tint, plain.tint);
+    EXPECT_NE(changed.saturation, plain.saturation);
+    // The halftone pattern, from the dialog's dither list.
+    ASSERT_EQ(SetText(h, SANE_NAME_SCAN_MODE, SANE_VALUE_SCAN_MODE_HALFTONE), SANE_STATUS_GOOD);
+    const sim::ScsiWindow dither2 = scan();
+    ASSERT_EQ(SetText(h, SANE_NAME_HALFTONE_PATTERN, "Dither 1, pattern 3"), SANE_STATUS_GOOD);
+    EXPECT_NE(scan().halftone, dither2.halftone);
+    ASSERT_EQ(SetText(h, SANE_NAME_SCAN_MODE, SANE_VALUE_SCAN_MODE_COLOR), SANE_STATUS_GOOD);
+    ASSERT_EQ(SetWord(h, "tint", 5), SANE_STATUS_GOOD);
+    ASSERT_EQ(SetWord(h, "saturation", 5), SANE_STATUS_GOOD);
     // Back to the defaults, through the dialog again.
     ASSERT_EQ(SetWord(h, SANE_NAME_BRIGHTNESS, 5), SANE_STATUS_GOOD);
     ASSERT_EQ(SetText(h, "gamma-correction", "CRT 1"), SANE_STATUS_GOOD);
@@ -228,6 +241,8 @@ TEST_F(BackendTest, ExtendedSettingsReachTheScannerThroughTheDriversDialog)
     EXPECT_EQ(again.brightness, plain.brightness);
     EXPECT_EQ(again.gamma, plain.gamma);
     EXPECT_EQ(again.vendorFlags, plain.vendorFlags);
+    EXPECT_EQ(again.tint, plain.tint);
+    EXPECT_EQ(again.saturation, plain.saturation);
     sane_close(h);
     scsi->Detach();
 
