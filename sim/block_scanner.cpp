@@ -354,9 +354,9 @@ void BlockScanner::StartScan(std::vector<std::string> &errors)
     window_.format.resolution = static_cast<int>(r);
     window_.format.colorStep = levelsSet_ ? colorStep_ : 16;
     window_.format.colorMode = colorMode_;
-    window_.format.left = window_.acrossStart * r / base;
+    window_.format.left = (window_.acrossStart * r + base - 1) / base;
     window_.format.width = (window_.acrossSize * r + base - 1) / base;
-    window_.top = window_.downStart * r / base;
+    window_.top = (window_.downStart * r + base - 1) / base;
     window_.lines = model_ == 4 ? window_.downSize * r / base : (window_.downSize * r + base - 1) / base;
     hasWindow_ = true;
 

@@ -8,10 +8,27 @@
 // byte or a window outside the model's range is a protocol error. DC2 gives
 // the 38-byte scan information for the window received, each ACK the next
 // frame: one data frame per line (raw, or run-length coded and XOR-ed with
-// the line before), then an end frame, which the driver acknowledges. The
-// line content is sim::PackLine of the window, converted to pixels at the
-// resolution. DC4 drops the scan; the next ACK gets the end frame. A clear
-// of the line (purge) drops what is queued and the scan in progress.
+// the line before), then an end frame, which the driver acknowledges. DC4
+// drops the scan; the next ACK gets the end frame. A clear of the line
+// (purge) drops what is queued and the scan in progress.
+//
+// What it scans follows from the commands alone. The window ("\eX", "\eY")
+// is in dots of the model's base resolution B: 200 on model 3, the scan
+// resolution R of "\er" on models 5 and 6, 320 on the others. It samples
+// the glass on the grid of R dots per inch: a window start s and size n
+// across give the pixels from the first grid point at or after the window's
+// edge, (s x R + B - 1) / B, and (n x R + B - 1) / B of them, as many as the
+// window's length holds grid points; down likewise the lines from
+// (s x R + B - 1) / B, (n x R + B - 1) / B of them, except on model 4, which
+// sends only the n x R / B lines lying wholly inside the window.
+// Each line is sim::PackLine of those pixels at R. Three-pass colour sends
+// all lines once per colour (green, red, blue).
+//
+// Its rule for the "beyond the requested length" bit (type bit 4): it cannot
+// know the length the driver wanted, only the window, so it flags the line
+// that reaches past the window's end, the last line of each pass when
+// n x R is not a multiple of B (never on model 4, whose lines all lie inside
+// the window). Faults::flaggedLines changes that.
 #pragma once
 
 #include "byte_device.h"
@@ -40,8 +57,8 @@ public:
                                  // and a surplus pair follows
         unsigned lateMs = 0;     // every reply becomes readable this long after its request
         int drainFrames = 0;     // data frames still sent after DC4 before the end frame
-        int flaggedLines = -1;   // lines at the end flagged as beyond the request;
-                                 // -1: the partly covered last line, if any
+        int flaggedLines = -1;   // lines at the end of each pass flagged as beyond the
+                                 // request; -1: the line past the window's end, if any
     };
 
     // The window as received, in base dots, and what it became.

@@ -288,36 +288,17 @@ PolledScanner::Geometry PolledScanner::GeometryLocked() const
     if (g.resolution == 0 || setup_.width <= 0 || setup_.length <= 0)
         return g;
     const long r = g.resolution;
-    LineFormat f;
-    f.model = 7;
-    f.resolution = g.resolution;
-    f.colorStep = setup_.colorStep;
-    f.left = setup_.left * r / 240;
-    f.width = setup_.width * r / 240;
-    g.pixels = f.width;
+    // The pixels and lines lying inside the window, one bit each.
+    g.pixels = setup_.width * r / 240;
     g.lines = setup_.length * r / 240;
-    g.lineBytes = LineBytes(f);
+    const long packed = (g.pixels + 7) / 8;
+    // A line is R * w / 240 bytes: the smallest w whose bytes hold them.
+    const long w = (packed * 240 + r - 1) / r;
+    g.lineBytes = r * w / 240;
     g.total = g.lines * g.lineBytes;
-    // The information gives w and n with n * (R * w / 240) bytes in all.
-    // The natural pair is the line's bytes and the line count; at
-    // resolutions above 240 not every byte count is R * w / 240 for a whole
-    // w, and then another split of the same total is reported.
-    auto tryBytesPerUnit = [&](long d) {
-        if (d <= 0 || g.total % d != 0 || g.total / d > 0xFFFF)
-            return false;
-        long w = (d * 240 + r - 1) / r;
-        if (w > 0xFFFF || r * w / 240 != d)
-            return false;
-        g.widthValue = static_cast<uint16_t>(w);
-        g.lineCount = static_cast<uint16_t>(g.total / d);
-        g.described = true;
-        return true;
-    };
-    if (tryBytesPerUnit(g.lineBytes))
-        return g;
-    for (long i = 1; i * i <= g.total; ++i)
-        if (g.total % i == 0 && (tryBytesPerUnit(g.total / i) || tryBytesPerUnit(i)))
-            return g;
+    g.widthValue = static_cast<uint16_t>(w);
+    g.lineCount = static_cast<uint16_t>(g.lines);
+    g.described = g.pixels > 0 && g.lines > 0 && w <= 0xFFFF && g.lines <= 0xFFFF;
     return g;
 }
 
@@ -342,7 +323,7 @@ std::vector<uint8_t> PolledScanner::Image()
     f.resolution = g.resolution;
     f.colorStep = setup_.colorStep;
     f.left = setup_.left * g.resolution / 240;
-    f.width = g.pixels;
+    f.width = g.lineBytes * 8; // the page goes on past the window in the padding
     const long top = setup_.top * g.resolution / 240;
     std::vector<uint8_t> image;
     image.reserve(static_cast<size_t>(g.total));

@@ -8,6 +8,16 @@
 // query ("\eQ1", "\eQ2"): 0x11 with SRQ. After "\eR1": 0x01 with SRQ. While
 // it warms up after "\eI1" it reports 0x00 and holds back its answers (and
 // their SRQ) until the warm-up time has passed on the platform clock.
+//
+// What it scans follows from the commands alone: the window ("\eX", "\eY")
+// is in 1/240 inch and the resolution R comes from the "\eD" code. It sends
+// the pixels and lines lying wholly inside the window, from left x R / 240
+// and top x R / 240: width x R / 240 pixels (halftone or two levels, one bit
+// each, 1 = black) on length x R / 240 lines. Its scan information describes
+// a line by a width value w, the line being R x w / 240 bytes: it reports the
+// smallest w whose bytes hold the line's pixels and sends lines of that many
+// bytes, the page going on past the window in the padding; the line count n
+// is the number of lines.
 #pragma once
 
 #include "gpib_bus.h"
@@ -60,7 +70,7 @@ public:
         int resolution = 0;
         long pixels = 0, lines = 0, lineBytes = 0, total = 0;
         uint16_t widthValue = 0, lineCount = 0;
-        bool described = false; // false when no w, n in 16 bits fit the total
+        bool described = false; // false when the window holds nothing or w, n pass 16 bits
     };
     Geometry CurrentGeometry() const;
 

@@ -9,11 +9,14 @@
 // first read after the window was set. TEST UNIT READY answers
 // ERROR_NOT_READY while a scan still has data to deliver.
 //
-// A line holds exactly what the driver's geometry counts over SCSI: the
-// window's width in pixels packed as sim::LineBytes says (bits, 2-bit
-// levels, nibbles or bytes per grey sample; a nibble or three bytes per
-// colour pixel), the window's length in lines, once per colour in three
-// passes (green, red, blue) for the three-pass scanner.
+// What it scans follows from MODE SELECT and SET WINDOW alone: the window's
+// values are in 1/D inch, D being the measurement divisor of MODE SELECT
+// (1200 until one is set), and a value v is v x R / D pixels at the window's
+// resolution R (rounded down). It sends the window's width in pixels packed
+// as sim::LineBytes says (bits, 2-bit levels, nibbles or bytes per grey
+// sample; a nibble or three bytes per colour pixel) on the window's length
+// in lines, once per colour in three passes (green, red, blue) when the
+// window's vendor byte asks for them.
 #pragma once
 
 #include "page.h"

@@ -273,25 +273,50 @@ TEST_F(ProtocolTest, ScanOutcomes)
     }
 }
 
-// A line flagged as beyond the request is dropped only when the window was
-// made longer than asked.
-TEST_F(ProtocolTest, FlaggedLinesCountOnlyWithinTheRequest)
+// The window's rounding can give more lines than asked; the read drops
+// them from every pass whether the scanner flags them or not, keeps a
+// flagged line that was asked for, and still refuses a line beyond them.
+TEST_F(ProtocolTest, SurplusLinesOfTheWindowAreDroppedFlaggedOrNot)
 {
     struct Case {
-        int model, resolution, x, length, flagged;
+        const char *name;
+        int model, resolution, x, length, flagged, delta;
+        SHORT colorMode;
+        int result;
     };
-    // 300 dpi: the partly covered last line is flagged but was asked for;
-    // 640 dpi: the window gives 12 lines for 11 and the scanner flags the last.
-    const Case cases[] = {{1, 300, 32, 10, -1}, {2, 640, 64, 11, 1}};
+    const Case cases[] = {
+        // 640 dpi: a window of 6/320 inch gives 12 lines for 11.
+        {"surplus line unflagged", 2, 640, 64, 11, 0, 0, 0, 2},
+        {"surplus line flagged", 2, 640, 64, 11, 1, 0, 0, 2},
+        // 300 dpi: the partly covered last line is flagged but was asked for.
+        {"flagged line asked for", 1, 300, 32, 10, -1, 0, 0, 2},
+        // Three passes at 400 dpi, 7 lines: each pass has 8, the last unflagged.
+        {"surplus line in every pass", 3, 400, 0, 7, 0, 0, 17, 2},
+        {"a line beyond the surplus", 2, 640, 64, 11, 0, 1, 0, 1},
+    };
     for (const Case &c : cases) {
-        SCOPED_TRACE(c.resolution);
+        SCOPED_TRACE(c.name);
         Open(c.model);
         sim::BlockScanner::Faults f;
         f.flaggedLines = c.flagged;
+        f.lineDelta = c.delta;
         scanner_->SetFaults(f);
-        Scan scan = Read(Params(c.resolution, c.x, 0, 64, c.length), 8, static_cast<size_t>(c.length) * 8);
-        EXPECT_EQ(scan.result, 2);
-        EXPECT_TRUE(scan.data == Expected(c.length, 8));
+        ScanParams p = Params(c.resolution, c.x, 0, 64, c.length);
+        p.colorMode = c.colorMode;
+        const int passes = c.colorMode == 17 ? 3 : 1;
+        Scan scan = Read(p, 8, static_cast<size_t>(c.length * passes) * 8);
+        EXPECT_EQ(scan.result, c.result);
+        std::vector<BYTE> expected;
+        for (int pass = 0; pass < passes; pass++)
+            for (long row = 0; row < c.length; row++) {
+                auto line = scanner_->Line(pass * scanner_->LastWindow().lines + row);
+                expected.insert(expected.end(), line.begin(), line.begin() + 8);
+            }
+        EXPECT_TRUE(scan.data == expected);
+        if (c.result == 1) {
+            EXPECT_TRUE(ProtAbort());
+        }
+        EXPECT_TRUE(scanner_->ProtocolErrors().empty());
         PortClose();
         link_.reset();
     }

@@ -3,6 +3,8 @@
    pixels, lines and bytes a scan delivers. */
 #include "image/image.h"
 
+#include "protocol/protocol.h"
+
 ScanRect g_scanRectPx;
 LONG g_alignShift;
 LONG g_alignFailed;
@@ -136,6 +138,9 @@ int ImgScanRectToPixels(const ScanRect *rect, int resolution, ScanRect *outPx)
         return 0;
     if (!ImgCheckScanArea(&p100, resolution))
         return 0;
+    /* A rectangle narrower or shorter than one pixel holds nothing to scan. */
+    if (px.width <= 0 || px.height <= 0)
+        return 0;
     g_scanRectPx = px;
 
     /* Widen to whole bytes; if the wider window passes the right edge, move
@@ -175,19 +180,6 @@ static DWORD ImgDibBitsFor(DWORD colours)
     return 24;
 }
 
-/* The scanner positions its window in 1/B inch; the pixel count is what a
-   window quantised to that unit yields. */
-static DWORD ImgScanBaseUnit(DWORD model, DWORD resolution)
-{
-    if (model == 7)
-        return 240;
-    if (model == 3)
-        return 200;
-    if (model == 5 || g_settings.interfaceType == IF_SCSI)
-        return resolution;
-    return 320;
-}
-
 DWORD ImgComputeGeometry(const ScanParams *params, DWORD *rawBytes, DWORD *stride, DWORD *widthPx, DWORD *lines)
 {
     DWORD model = g_settings.model;
@@ -196,7 +188,7 @@ DWORD ImgComputeGeometry(const ScanParams *params, DWORD *rawBytes, DWORD *strid
     DWORD levels = (DWORD)1 << (steps & 31);
     DWORD rawColours = params->colorMode == 16 ? levels * levels * levels : levels;
     DWORD dibColours = params->colorMode != 0 ? levels * levels * levels : levels;
-    DWORD rawBits, base, a, c, w, h, f, g, n, total, bpp;
+    DWORD rawBits, w, h, n, total, bpp;
 
     if (r == 0)
         r = 1;
@@ -211,19 +203,22 @@ DWORD ImgComputeGeometry(const ScanParams *params, DWORD *rawBytes, DWORD *strid
     else
         rawBits = 24;
 
-    base = ImgScanBaseUnit(model, r);
-
-    a = (DWORD)(LONG)params->areaWidth * base;
-    w = ((a / r) * r) / base;
-    f = ((a * 100 / r) * r) / base;
-    if (model != 7 && 100 * w < f)
-        w++;
-
-    c = (DWORD)(LONG)params->areaLength * base;
-    h = ((c / r) * r) / base;
-    g = ((c * 100 / r) * r) / base;
-    if (model != 7 && g > 100 * h)
-        h++;
+    /* The image holds exactly what the device delivers for the window the
+       driver sends; the scan geometry and the protocols follow one rule:
+       - models 1 to 6, on every interface, widen their window to whole units
+         of the scanner's base and the driver drops the surplus pixels of each
+         line and the surplus lines, so a scan delivers the requested width
+         and length;
+       - model 7 cuts its window to whole 1/240 inch and sends the pixels and
+         lines that window holds, each line padded to the bytes its scan
+         information can express (PollLineBytes). */
+    if (model == 7) {
+        w = (DWORD)(LONG)params->areaWidth * POLL_WINDOW_UNITS / r * r / POLL_WINDOW_UNITS;
+        h = (DWORD)(LONG)params->areaLength * POLL_WINDOW_UNITS / r * r / POLL_WINDOW_UNITS;
+    } else {
+        w = (DWORD)(LONG)params->areaWidth;
+        h = (DWORD)(LONG)params->areaLength;
+    }
 
     if (params->colorMode == 0 || model == 3) {
         /* Monochrome, and the three-pass colour scanner, pack like grey. */
@@ -232,6 +227,14 @@ DWORD ImgComputeGeometry(const ScanParams *params, DWORD *rawBytes, DWORD *strid
     } else {
         n = rawColours == 8 ? (w + 1) / 2 : 3 * w;
     }
+    if (model == 7)
+        n = PollLineBytes(n, r);
+
+    /* The image shows what arrives: model 7 can deliver less than asked. */
+    if (g_scanRectPx.width > (LONG)w)
+        g_scanRectPx.width = (LONG)w;
+    if (g_scanRectPx.height > (LONG)h)
+        g_scanRectPx.height = (LONG)h;
 
     total = h * n;
     if (params->colorMode == 17)

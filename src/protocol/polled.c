@@ -10,7 +10,6 @@
 #define POLL_STATUS_DATA 0x01
 
 #define POLL_INFO_BYTES 24
-#define POLL_WINDOW_UNITS 240 /* the scanner's window is in 1/240 inch */
 
 /* GP-IB time-outs of the image read, in tenths of a second. */
 #define POLL_TIMEOUT_FIRST 600
@@ -164,6 +163,16 @@ BOOL PollReadInfo(BYTE *dest)
     if (!PollCheckStatus() || !PollSend3('Q', '1') || !PollSerialPoll())
         return FALSE;
     return GpRead(dest, POLL_INFO_BYTES, &received);
+}
+
+DWORD PollLineBytes(DWORD packedBytes, DWORD resolution)
+{
+    DWORD widthValue;
+
+    if (resolution == 0)
+        return packedBytes;
+    widthValue = (packedBytes * POLL_WINDOW_UNITS + resolution - 1) / resolution;
+    return resolution * widthValue / POLL_WINDOW_UNITS;
 }
 
 /* Starts the image transfer: the scan information gives the byte count,

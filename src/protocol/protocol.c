@@ -19,14 +19,16 @@ DWORD g_protDetail;
 #define PROT_FRAME_DATA 0x40
 #define PROT_FRAME_END 0x80
 #define PROT_FRAME_KIND 0xC0
-#define PROT_FRAME_EXTRA 0x10
 #define PROT_END_ABNORMAL 2
 
 /* Line geometry of the current scan, set by the window fits. */
 static LONG s_scannerLineBytes;   /* bytes the scanner sends per line */
 static LONG s_deliveredLineBytes; /* bytes of the requested width */
 static LONG s_surplusLineBytes;   /* dropped from the end of each line */
-static BOOL s_extraLines;         /* the window gives more lines than asked */
+static LONG s_windowLines;        /* lines the window gives per pass */
+static LONG s_wantedLines;        /* lines asked for per pass */
+static LONG s_keptLines;          /* lines of the current pass handed out */
+static LONG s_droppedLines;       /* surplus lines of the current pass dropped */
 
 /* Work area of one scan: information block, pending line (3 header bytes and
    the decoded line), previous decoded line, received frame. */
@@ -231,7 +233,9 @@ static LONG ProtLinesOf(LONG size, LONG base, LONG r)
     return (size * r + base - 1) / base;
 }
 
-/* Adjusts the window length (base dots) to cover the requested lines. */
+/* Adjusts the window length (base dots) to cover the requested lines and
+   notes how many lines the window gives: those past the requested length
+   are surplus that the read drops. */
 static LONG ProtFitLength(LONG size, LONG base, const ScanParams *params)
 {
     LONG r = params->resolution;
@@ -239,7 +243,8 @@ static LONG ProtFitLength(LONG size, LONG base, const ScanParams *params)
 
     if (length > ProtLinesOf(size, base, r))
         size++;
-    s_extraLines = length < ProtLinesOf(size, base, r);
+    s_wantedLines = length;
+    s_windowLines = ProtLinesOf(size, base, r);
     return size;
 }
 
@@ -489,6 +494,8 @@ static BOOL ProtBeginScan(void)
         return FALSE;
     s_pendingCount = 0;
     s_ended = FALSE;
+    s_keptLines = 0;
+    s_droppedLines = 0;
     return TRUE;
 }
 
@@ -551,8 +558,21 @@ int ProtReadImage(ScanParams *params, ReadBlock *block)
         }
         if (got - 3 != s_scannerLineBytes)
             return ProtFailRead(PROT_DETAIL_VIOLATION);
-        if ((type & PROT_FRAME_EXTRA) && s_extraLines)
-            continue;
+        /* The driver counts the lines itself rather than trusting the
+           scanner's "beyond the requested length" bit, which not every
+           scanner sets on the same lines: after the requested lines of a pass
+           come the surplus lines the window's rounding gives, dropped
+           whatever their flag. Any other line starts the next pass (three
+           passes on model 3), or is excess that the device layer refuses. */
+        if (s_keptLines == s_wantedLines) {
+            if (s_droppedLines < s_windowLines - s_wantedLines) {
+                s_droppedLines++;
+                continue;
+            }
+            s_keptLines = 0;
+            s_droppedLines = 0;
+        }
+        s_keptLines++;
         if (room >= s_deliveredLineBytes) {
             memcpy(out, s_pending + 3, (size_t)s_deliveredLineBytes);
             out += s_deliveredLineBytes;

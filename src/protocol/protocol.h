@@ -39,6 +39,13 @@ BOOL ProtWaitReady(void);
 int ProtReadImage(ScanParams *params, ReadBlock *block);
 
 /* ---- Polled dialect (model 7 over GP-IB) -------------------------------- */
+#define POLL_WINDOW_UNITS 240 /* the scanner's window is in 1/240 inch */
+
+/* Bytes of one line of the polled scanner. Its scan information describes a
+   line by a width value w, and a line is resolution x w / 240 bytes; the
+   scanner takes the smallest w whose bytes hold the packed pixels of its
+   window and sends lines of that many bytes. */
+DWORD PollLineBytes(DWORD packedBytes, DWORD resolution);
 
 BOOL PollStart(void); /* the model-7 start steps up to and including "\eI1" */
 BOOL PollWaitReady(void);
