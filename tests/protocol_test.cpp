@@ -280,19 +280,21 @@ TEST_F(ProtocolTest, SurplusLinesOfTheWindowAreDroppedFlaggedOrNot)
 {
     struct Case {
         const char *name;
-        int model, resolution, x, length, flagged, delta;
+        int model, resolution, x, y, length, flagged, delta;
         SHORT colorMode;
         int result;
     };
+    // The lines cross the lower edge of the page's frame, so that they differ.
     const Case cases[] = {
         // 640 dpi: a window of 6/320 inch gives 12 lines for 11.
-        {"surplus line unflagged", 2, 640, 64, 11, 0, 0, 0, 2},
-        {"surplus line flagged", 2, 640, 64, 11, 1, 0, 0, 2},
+        {"surplus line unflagged", 2, 640, 64, 58, 11, 0, 0, 0, 2},
+        {"surplus line flagged", 2, 640, 64, 58, 11, 1, 0, 0, 2},
         // 300 dpi: the partly covered last line is flagged but was asked for.
-        {"flagged line asked for", 1, 300, 32, 10, -1, 0, 0, 2},
-        // Three passes at 400 dpi, 7 lines: each pass has 8, the last unflagged.
-        {"surplus line in every pass", 3, 400, 0, 7, 0, 0, 17, 2},
-        {"a line beyond the surplus", 2, 640, 64, 11, 0, 1, 0, 1},
+        {"flagged line asked for", 1, 300, 32, 26, 10, -1, 0, 0, 2},
+        // Three passes at 400 dpi, 7 lines: each pass has 8, the last
+        // unflagged; the blue bar makes the passes differ.
+        {"surplus line in every pass", 3, 400, 480, 36, 7, 0, 0, 17, 2},
+        {"a line beyond the surplus", 2, 640, 64, 58, 11, 0, 1, 0, 1},
     };
     for (const Case &c : cases) {
         SCOPED_TRACE(c.name);
@@ -301,7 +303,7 @@ TEST_F(ProtocolTest, SurplusLinesOfTheWindowAreDroppedFlaggedOrNot)
         f.flaggedLines = c.flagged;
         f.lineDelta = c.delta;
         scanner_->SetFaults(f);
-        ScanParams p = Params(c.resolution, c.x, 0, 64, c.length);
+        ScanParams p = Params(c.resolution, c.x, c.y, 64, c.length);
         p.colorMode = c.colorMode;
         const int passes = c.colorMode == 17 ? 3 : 1;
         Scan scan = Read(p, 8, static_cast<size_t>(c.length * passes) * 8);
