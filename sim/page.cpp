@@ -1,6 +1,11 @@
 #include "page.h"
 
 #include <algorithm>
+#include <atomic>
+#include <fstream>
+#include <iterator>
+#include <memory>
+#include <mutex>
 
 namespace sim
 {
@@ -32,10 +37,83 @@ uint8_t Quantise(uint8_t value, int bits, bool halftone, long x, long y)
     return static_cast<uint8_t>(value >> (8 - bits));
 }
 
+// A picture laid on the glass; pictures stay for the life of the process, as
+// a scan in progress may still be reading the previous one.
+struct Picture {
+    long width = 0, height = 0, dpi = 200;
+    std::vector<Rgb> pixels; // top row first
+};
+std::atomic<const Picture *> g_picture{nullptr};
+
+unsigned long Le(const std::string &b, size_t at, int bytes)
+{
+    unsigned long v = 0;
+    for (int i = bytes - 1; i >= 0; --i)
+        v = (v << 8) | static_cast<uint8_t>(b[at + static_cast<size_t>(i)]);
+    return v;
+}
+
 } // namespace
+
+bool LayPictureOnGlass(const std::string &path, std::string *error)
+{
+    if (path.empty()) {
+        g_picture.store(nullptr);
+        return true;
+    }
+    std::ifstream in(path, std::ios::binary);
+    const std::string b((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    if (!in && !in.eof()) {
+        *error = "cannot read " + path;
+        return false;
+    }
+    if (b.size() < 54 || b[0] != 'B' || b[1] != 'M') {
+        *error = path + " is not a BMP file";
+        return false;
+    }
+    const unsigned long offset = Le(b, 10, 4), bpp = Le(b, 28, 2), compression = Le(b, 30, 4);
+    const long width = static_cast<int32_t>(Le(b, 18, 4)), rawHeight = static_cast<int32_t>(Le(b, 22, 4));
+    const long height = rawHeight < 0 ? -rawHeight : rawHeight;
+    if ((bpp != 24 && bpp != 32) || compression != 0 || width <= 0 || height <= 0 || width > 20000 || height > 20000) {
+        *error = path + ": only uncompressed 24- and 32-bit BMP files can lie on the glass";
+        return false;
+    }
+    const size_t stride = static_cast<size_t>((width * static_cast<long>(bpp) + 31) / 32 * 4);
+    if (offset > b.size() || (b.size() - offset) / stride < static_cast<size_t>(height)) {
+        *error = path + " is cut short";
+        return false;
+    }
+    auto picture = std::make_unique<Picture>();
+    picture->width = width;
+    picture->height = height;
+    const long ppm = static_cast<int32_t>(Le(b, 38, 4));
+    if (ppm > 0)
+        picture->dpi = std::max(1L, (ppm * 254 + 5000) / 10000);
+    picture->pixels.resize(static_cast<size_t>(width * height));
+    for (long y = 0; y < height; ++y) {
+        const size_t row = offset + stride * static_cast<size_t>(rawHeight < 0 ? y : height - 1 - y);
+        for (long x = 0; x < width; ++x) {
+            const size_t at = row + static_cast<size_t>(x) * (bpp / 8);
+            picture->pixels[static_cast<size_t>(y * width + x)] = {
+                static_cast<uint8_t>(b[at + 2]), static_cast<uint8_t>(b[at + 1]), static_cast<uint8_t>(b[at])};
+        }
+    }
+    static std::mutex keepLock;
+    static std::vector<std::unique_ptr<Picture>> kept;
+    std::lock_guard<std::mutex> guard(keepLock);
+    kept.push_back(std::move(picture));
+    g_picture.store(kept.back().get());
+    return true;
+}
 
 Rgb PageSample(long x, long y)
 {
+    if (const Picture *picture = g_picture.load()) {
+        const long px = x * picture->dpi / 1200, py = y * picture->dpi / 1200;
+        if (x < 0 || y < 0 || px >= picture->width || py >= picture->height)
+            return {255, 255, 255};
+        return picture->pixels[static_cast<size_t>(py * picture->width + px)];
+    }
     // The glass is 8.5 x 11.69 inch; outside it the lid is white.
     if (x < 0 || y < 0 || x >= 10200 || y >= 14028)
         return {255, 255, 255};

@@ -5,6 +5,7 @@
 #pragma once
 
 #include <cstdint>
+#include <string>
 #include <vector>
 
 namespace sim
@@ -14,9 +15,16 @@ struct Rgb {
     uint8_t r, g, b;
 };
 
-// The chart at a point given in 1/1200 inch from the glass's top-left corner:
-// a frame, grey and colour bars and a gradient.
+// The page at a point given in 1/1200 inch from the glass's top-left corner.
+// By default the chart: a frame, grey and colour bars and a gradient.
 Rgb PageSample(long x1200, long y1200);
+
+// Lays a picture on the glass instead of the chart, for every scanner of the
+// process: an uncompressed 24- or 32-bit BMP file, its top-left corner at the
+// glass's, at the resolution its header gives (200 dpi when it gives none),
+// on a white lid. Done before scanning; an empty path puts the chart back.
+// False with a message in *error when the file is not such a BMP.
+bool LayPictureOnGlass(const std::string &bmpPath, std::string *error);
 inline uint8_t Grey(Rgb c)
 {
     return static_cast<uint8_t>((c.r * 30 + c.g * 59 + c.b * 11) / 100);

@@ -7,6 +7,7 @@
 #include "support/platform_fixture.h"
 
 #include "block_scanner.h"
+#include "page.h"
 #include "serial_link.h"
 
 #include <mmsystem.h>
@@ -260,6 +261,50 @@ TEST_F(TtyScanTest, LostMissingOrTakenLineFailsWithoutHanging)
     EXPECT_EQ(Send("open scanner alias s wait"), DWORD(MCIERR_DEVICE_NOT_READY)) << "the port is taken";
     EXPECT_TRUE(CloseHandle(first));
     EXPECT_LT(Seconds(start), 3.0);
+}
+
+// tamrix-scanner --page: a BMP picture lies on the glass at its own
+// resolution, white beyond it; anything else is refused and changes nothing.
+TEST(GlassTest, PictureFromABitmapLiesOnTheGlass)
+{
+    tamrix_test::TempDir dir;
+    // 2 x 2 pixels, 24 bits, bottom-up, 3937 pixels a metre (100 dpi).
+    std::string bmp = "BM";
+    auto le = [&bmp](uint32_t v, int bytes) {
+        for (int i = 0; i < bytes; i++)
+            bmp.push_back(char(v >> (8 * i)));
+    };
+    le(54 + 16, 4), le(0, 4), le(54, 4), le(40, 4), le(2, 4), le(2, 4), le(1, 2), le(24, 2), le(0, 4), le(16, 4);
+    le(3937, 4), le(3937, 4), le(0, 4), le(0, 4);
+    bmp += std::string("\x00\x00\xff"
+                       "\x00\xff\x00"
+                       "\0\0",
+                       8); // bottom row: red, green
+    bmp += std::string("\xff\x00\x00"
+                       "\x10\x20\x30"
+                       "\0\0",
+                       8); // top row: blue, (0x30, 0x20, 0x10)
+    std::ofstream(dir / "page.bmp", std::ios::binary) << bmp;
+    std::ofstream(dir / "text.bmp") << "not a picture";
+
+    std::string error;
+    EXPECT_FALSE(sim::LayPictureOnGlass(dir / "text.bmp", &error));
+    EXPECT_FALSE(error.empty());
+    const sim::Rgb chartCorner = sim::PageSample(0, 0);
+    ASSERT_TRUE(sim::LayPictureOnGlass(dir / "page.bmp", &error)) << error;
+    auto at = [](long x, long y) {
+        sim::Rgb c = sim::PageSample(x * 12 + 6, y * 12 + 6); // pixel (x, y) at 100 dpi
+        return std::vector<int>{c.r, c.g, c.b};
+    };
+    EXPECT_EQ(at(0, 0), (std::vector<int>{0, 0, 255}));
+    EXPECT_EQ(at(1, 0), (std::vector<int>{0x30, 0x20, 0x10}));
+    EXPECT_EQ(at(0, 1), (std::vector<int>{255, 0, 0}));
+    EXPECT_EQ(at(1, 1), (std::vector<int>{0, 255, 0}));
+    EXPECT_EQ(at(2, 0), (std::vector<int>{255, 255, 255})) << "the lid beyond the picture";
+    ASSERT_TRUE(sim::LayPictureOnGlass("", &error));
+    const sim::Rgb back = sim::PageSample(0, 0);
+    EXPECT_EQ(std::vector<int>({back.r, back.g, back.b}),
+              std::vector<int>({chartCorner.r, chartCorner.g, chartCorner.b}));
 }
 
 // ---- The comm API on a pty whose far end the test holds ------------------

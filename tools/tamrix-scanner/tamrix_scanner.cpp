@@ -12,6 +12,7 @@
 // The scanner is sim::BlockScanner, the same one the in-process virtual COM
 // ports carry; this program is only the cable between it and the tty.
 #include "block_scanner.h"
+#include "page.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -50,6 +51,9 @@ const char kHelp[] = "usage: tamrix-scanner [options]\n"
                      "  --busy-ms MS        how long the scanner stays busy after initialise;\n"
                      "                      default 8000\n"
                      "  --no-pacing         send bytes as fast as the tty takes them\n"
+                     "  --page FILE.bmp     lay this picture on the glass instead of the test chart\n"
+                     "                      (uncompressed 24- or 32-bit BMP, at the resolution of its\n"
+                     "                      header, top-left corner on the glass's)\n"
                      "faults (all off by default):\n"
                      "  --silent            answer nothing at all\n"
                      "  --enq-reply BYTE    answer ENQ with this byte instead of ACK\n"
@@ -78,6 +82,7 @@ struct Options {
     int format = 5;
     long busyMs = 8000;
     bool pacing = true;
+    std::string page;
     sim::BlockScanner::Faults faults;
 };
 
@@ -135,6 +140,12 @@ int Parse(int argc, char **argv, Options &o)
             if (!number(0, 600000))
                 return 2;
             o.busyMs = v;
+        } else if (a == "--page") {
+            if (i + 1 >= argc) {
+                std::fprintf(stderr, "tamrix-scanner: --page needs a BMP file\n");
+                return 2;
+            }
+            o.page = argv[++i];
         } else if (a == "--no-pacing") {
             o.pacing = false;
         } else if (a == "--silent") {
@@ -370,6 +381,10 @@ int main(int argc, char **argv)
     ::sigaction(SIGTERM, &sa, nullptr);
     ::signal(SIGPIPE, SIG_IGN);
 
+    if (std::string error; !o.page.empty() && !sim::LayPictureOnGlass(o.page, &error)) {
+        std::fprintf(stderr, "tamrix-scanner: --page: %s\n", error.c_str());
+        return 2;
+    }
     Line line;
     if (!OpenLine(o, line))
         return 1;
