@@ -156,9 +156,13 @@ protected:
         // than the line's, and is left to the tests of close.
         driver_ = LoadLibraryW(TEXT("TAMRIX.DLL"));
         ASSERT_NE(driver_, nullptr);
+        threads_ = PlatLiveCount(PLAT_KIND_THREAD);
     }
     void TearDown() override
     {
+        // The display thread of the last close may still be on its way out.
+        for (int i = 0; i < 500 && PlatLiveCount(PLAT_KIND_THREAD) > threads_; i++)
+            Sleep(10);
         FreeLibrary(driver_);
         PlatformTest::TearDown();
     }
@@ -179,6 +183,7 @@ protected:
     }
     tamrix_test::TempDir windir_{true};
     HMODULE driver_ = nullptr;
+    long threads_ = 0;
 };
 
 // The page through a pty from the scanner program equals the page through an
