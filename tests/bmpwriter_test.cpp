@@ -126,9 +126,9 @@ protected:
         LONG result = -1;
         for (int i = 0; i < 100000 && (result = MciReadResult(&g_saveResult)) < 0; i++)
             poll();
-        for (int i = 0; i < 100000 && PlatLiveCount(PLAT_KIND_THREAD) != threads_; i++)
-            poll();
-        g_hSaveThread = nullptr;
+        // The thread leaves its handle to the driver, which waits for it.
+        MciJoinThread(&g_hSaveThread);
+        EXPECT_EQ(PlatLiveCount(PLAT_KIND_THREAD), threads_);
         return result;
     }
     LONG Save(const std::string &path, bool cancelFirst = false)

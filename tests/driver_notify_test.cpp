@@ -129,6 +129,7 @@ TEST_F(NotifyTest, SupersededSaveIsCancelledAndFailsAtTheNextTick)
     MCI_GENERIC_PARMS parms{(DWORD_PTR)other};
     EXPECT_EQ(MciQueueNotify(g_deviceId, MCI_NOTIFY, MCI_COPY, &parms), 0u);
     EXPECT_EQ(saver.Join(0), 0u) << "the save thread has ended";
+    g_hSaveThread = nullptr;
     EXPECT_EQ(InterlockedCompareExchange(&g_saveCancel, 0, 0), 0);
     EXPECT_EQ(TakeNotifications(app), Codes{MCI_NOTIFY_SUPERSEDED});
     EXPECT_EQ(TakeNotifications(other), Codes{MCI_NOTIFY_SUCCESSFUL});

@@ -6,6 +6,8 @@
 #include "block_scanner.h"
 #include "serial_link.h"
 
+#include "driver/driver_state.h"
+
 #include <mmsystem.h>
 
 #include <memory>
@@ -125,6 +127,47 @@ TEST_F(DriverStringsTest, CloseStopsANotifiedScan)
     Sleep(3000); // no timer is left to deliver anything more
     EXPECT_TRUE(Notifications(wnd_) == u"4") << "one MCI_NOTIFY_ABORTED";
     scanner_->SetFaults({});
+    EXPECT_EQ(Send(u"open scanner alias s wait"), 0u);
+}
+
+// Close ends a pending save and a pending scan-mode dialog: each callback
+// hears "aborted", and nothing of either is left once close has returned
+// (the driver is unloaded by then; the leak check sees any thread, timer or
+// window procedure of it still live).
+TEST_F(DriverStringsTest, CloseAbortsAPendingSaveAndDialog)
+{
+    tamrix_test::TempDir out;
+    HWND dialogWnd = CreateWindowExW(0, u"DriverStringsTest", u"", 0, 0, 0, 0, 0, nullptr, nullptr, nullptr, nullptr);
+    EXPECT_EQ(Send(u"scanread s wait"), 0u);
+    std::string file = out / "page.bmp";
+    EXPECT_EQ(Send((u"save s " + std::u16string(file.begin(), file.end()) + u" notify").c_str(), wnd_), 0u);
+    EXPECT_EQ(Send(u"scanmode s dialog notify", dialogWnd), 0u);
+    EXPECT_TRUE(Notifications(wnd_) == u"2") << "the save is superseded by the dialog";
+    EXPECT_EQ(Send(u"close s wait"), 0u);
+    EXPECT_TRUE(Notifications(dialogWnd) == u"4") << "one MCI_NOTIFY_ABORTED";
+    EXPECT_TRUE(Notifications(wnd_) == u"4") << "one MCI_NOTIFY_ABORTED";
+    EXPECT_EQ(PlatLiveCount(PLAT_KIND_STRANDED), 0);
+    DestroyWindow(dialogWnd);
+
+    // Open refuses what it cannot do before it touches the scanner.
+    EXPECT_EQ(Send(u"open scanner alias t shareable wait"), DWORD(MCIERR_UNSUPPORTED_FUNCTION));
+    EXPECT_EQ(Send(u"open scanner alias s wait"), 0u);
+}
+
+// Save checks the name it is given, reports a write that fails, and a
+// waited save is over (its thread gone) when close comes right after it.
+TEST_F(DriverStringsTest, SaveNamesAndFailedWrites)
+{
+    EXPECT_EQ(Send(u"scanread s wait"), 0u);
+    EXPECT_EQ(Send(u"save s wait"), DWORD(MCIERR_FILENAME_REQUIRED));
+    std::u16string longName(SAVE_FILE_NAME_CHARS, u'a');
+    EXPECT_EQ(Send((u"save s /tmp/" + longName + u" wait").c_str()), DWORD(MCIERR_PARAM_OVERFLOW));
+    EXPECT_NE(Send(u"save s /dev/full wait"), 0u) << "a full device";
+    tamrix_test::TempDir out;
+    std::string file = out / "page.bmp";
+    EXPECT_EQ(Send((u"save s " + std::u16string(file.begin(), file.end()) + u" wait").c_str()), 0u);
+    EXPECT_EQ(Send(u"close s wait"), 0u);
+    EXPECT_EQ(PlatLiveCount(PLAT_KIND_STRANDED), 0);
     EXPECT_EQ(Send(u"open scanner alias s wait"), 0u);
 }
 

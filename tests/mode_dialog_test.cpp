@@ -21,10 +21,12 @@ protected:
         ImgInitScanParams(model);
     }
 
-    // Waits (virtual time) until the dialog is up and initialised.
+    // Waits (virtual time) until the dialog is up and initialised: the
+    // window is known from the start of its initialisation, and shown only
+    // once that is over.
     static HWND WaitForDialog()
     {
-        for (int i = 0; i < 1000 && g_modeDlgWnd == nullptr; i++)
+        for (int i = 0; i < 1000 && (g_modeDlgWnd == nullptr || !IsWindowVisible(g_modeDlgWnd)); i++)
             Sleep(5);
         return g_modeDlgWnd;
     }
@@ -33,9 +35,11 @@ protected:
         for (int i = 0; i < 1000 && MciReadResult(&g_modeResult) < 0; i++)
             Sleep(5);
     }
-    // The dialog thread closes its own handle; wait until it is gone.
+    // The driver keeps the dialog thread's handle until it has waited for
+    // the thread (at the next dialog or close): done here instead.
     static void WaitForThreadsGone(long baseline)
     {
+        MciJoinThread(&g_hModeThread);
         for (int i = 0; i < 1000 && PlatLiveCount(PLAT_KIND_THREAD) > baseline; i++)
             Sleep(5);
     }

@@ -179,6 +179,19 @@ TEST_F(UserWindowTest, VisibilityEnableAndStateFlags)
     EXPECT_TRUE(ShowWindow(top, SW_HIDE));
     EXPECT_FALSE(ShowWindow(top, SW_HIDE));
     EXPECT_FALSE(IsWindowVisible(top));
+    // Coming back into view, by either call, the whole window is to be
+    // painted again: what it drew while hidden never reached the screen.
+    RECT update;
+    for (bool byPos : {false, true}) {
+        ValidateRect(top, nullptr);
+        EXPECT_FALSE(GetUpdateRect(top, &update, FALSE));
+        if (byPos)
+            SetWindowPos(top, nullptr, 0, 0, 0, 0, SWP_NOSIZE | SWP_NOMOVE | SWP_SHOWWINDOW);
+        else
+            ShowWindow(top, SW_SHOWNOACTIVATE);
+        EXPECT_TRUE(GetUpdateRect(top, &update, FALSE)) << (byPos ? "SetWindowPos" : "ShowWindow");
+        ShowWindow(top, SW_HIDE);
+    }
 
     EXPECT_FALSE(EnableWindow(child, FALSE)); // was enabled
     EXPECT_FALSE(IsWindowEnabled(child));

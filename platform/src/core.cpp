@@ -367,6 +367,21 @@ std::shared_ptr<ThreadState> ThreadById(DWORD id)
     return it == reg.threads.end() ? nullptr : it->second;
 }
 
+std::vector<std::shared_ptr<ThreadState>> LiveThreads()
+{
+    Registry &reg = Threads();
+    std::lock_guard<std::mutex> guard(reg.mutex);
+    std::vector<std::shared_ptr<ThreadState>> out;
+    for (auto &entry : reg.threads)
+        out.push_back(entry.second);
+    return out;
+}
+
+void CountStranded(long count)
+{
+    g_liveCounts[PLAT_KIND_STRANDED].fetch_add(count);
+}
+
 std::shared_ptr<ThreadState> RegisterNewThread()
 {
     auto state = NewRecord();
@@ -539,8 +554,8 @@ long PlatLiveCount(PlatKind kind)
 
 const char *PlatKindName(PlatKind kind)
 {
-    static const char *const names[PLAT_KIND_COUNT] = {"global", "gdi",  "dc",    "window", "thread",
-                                                       "event",  "file", "timer", "hook",   "module"};
+    static const char *const names[PLAT_KIND_COUNT] = {"global", "gdi",   "dc",   "window", "thread",  "event",
+                                                       "file",   "timer", "hook", "module", "stranded"};
     if (static_cast<int>(kind) < 0 || kind >= PLAT_KIND_COUNT)
         return "?";
     return names[kind];

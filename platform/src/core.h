@@ -150,10 +150,16 @@ struct ThreadState {
     bool ending = false;
     // True for threads started by CreateThread (they end with pthread_exit).
     bool platformThread = false;
+    // The start routine given to CreateThread (null for other threads).
+    const void *start = nullptr;
 };
 
 // The calling thread's record, registered on first use.
 ThreadState &CurrentThread();
+// Every registered thread, now.
+std::vector<std::shared_ptr<ThreadState>> LiveThreads();
+// Adds to the count of code found live in a module being unloaded.
+void CountStranded(long count);
 // The record of a live thread by id; null if no such thread.
 std::shared_ptr<ThreadState> ThreadById(DWORD id);
 // Registers a record for a thread about to be started by CreateThread, so it

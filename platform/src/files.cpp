@@ -439,6 +439,13 @@ extern "C" BOOL WINAPI DeleteFileW(LPCWSTR fileName)
         return FALSE;
     }
     std::string path = HostPath(fileName);
+    // Only files are deleted: a device (/dev/full) or a directory is not a
+    // file to Windows, and unlinking one as root would remove it for good.
+    struct stat st;
+    if (::lstat(path.c_str(), &st) == 0 && !S_ISREG(st.st_mode) && !S_ISLNK(st.st_mode)) {
+        SetError(ERROR_ACCESS_DENIED);
+        return FALSE;
+    }
     if (::unlink(path.c_str()) != 0) {
         SetError(ErrorFromErrno(errno, path.c_str()));
         return FALSE;

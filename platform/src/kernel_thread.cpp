@@ -114,6 +114,7 @@ HANDLE WINAPI CreateThread(LPSECURITY_ATTRIBUTES, SIZE_T stackSize, LPTHREAD_STA
     plat::CurrentThread();
     auto object = std::make_shared<ThreadObject>();
     object->state = plat::RegisterNewThread();
+    object->state->start = reinterpret_cast<const void *>(start);
     object->suspendCount = (flags & CREATE_SUSPENDED) ? 1 : 0;
     DWORD id = object->state->id;
     uintptr_t handle = plat::AddHandle(object);

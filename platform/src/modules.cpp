@@ -8,6 +8,7 @@
 // directory, then $TAMRIX_MODULE_PATH, then PlatSetModuleSearchPath.
 #include "core.h"
 #include "resources.h"
+#include "user.h"
 
 #include <dlfcn.h>
 #include <link.h>
@@ -236,6 +237,36 @@ uintptr_t ModuleOrMain(HMODULE module)
     return module ? reinterpret_cast<uintptr_t>(module) : MainBase();
 }
 
+// Counts what of a module about to be unmapped would still run: threads
+// started at one of its procedures, timers, windows and hooks calling one.
+// On Windows each of these crashes sooner or later; here it is counted
+// (PLAT_KIND_STRANDED) so that the tests' leak check reports it.
+void CountStrandedCode(uintptr_t base)
+{
+    auto inModule = [base](const void *address) { return address && ObjectBase(address, nullptr) == base; };
+    DWORD me = plat::CurrentThread().id;
+    long stranded = 0;
+    std::vector<std::shared_ptr<plat::ThreadState>> threads = plat::LiveThreads();
+    plat::Lock lock = plat::LockWorld();
+    for (auto &thread : threads) {
+        if (thread->id != me && !thread->ending && inModule(thread->start))
+            ++stranded;
+        if (thread->queue) {
+            for (auto &timer : thread->queue->timers)
+                if (inModule(reinterpret_cast<const void *>(timer->proc)))
+                    ++stranded;
+        }
+    }
+    for (auto &entry : plat::User().windows)
+        if (inModule(reinterpret_cast<const void *>(entry.second->proc)))
+            ++stranded;
+    for (auto &hook : plat::User().hooks)
+        if (!hook->removed && inModule(reinterpret_cast<const void *>(hook->proc)))
+            ++stranded;
+    if (stranded != 0)
+        plat::CountStranded(stranded);
+}
+
 } // namespace
 
 namespace plat
@@ -343,6 +374,7 @@ BOOL WINAPI FreeLibrary(HMODULE module)
         loaded = std::move(rec->loaded);
         g_modules.erase(base);
     }
+    CountStrandedCode(base);
     plat::DropModuleResources(module);
     // The module's destructors run inside dlclose and may call the platform.
     dlclose(dl);

@@ -487,6 +487,10 @@ extern "C" BOOL WINAPI ShowWindow(HWND hwnd, int cmdShow)
     bool visible = cmdShow != SW_HIDE;
     if (visible != wasVisible)
         SendMessageW(hwnd, WM_SHOWWINDOW, visible ? TRUE : FALSE, 0);
+    // As on Windows, a window that comes into view is painted whole: what
+    // it drew while hidden is not on the screen.
+    if (visible && !wasVisible)
+        InvalidateRect(hwnd, nullptr, TRUE);
     if (topLevelOfMine && ActivatingShow(cmdShow))
         SetActiveWindow(hwnd);
     return wasVisible ? TRUE : FALSE;
@@ -741,8 +745,9 @@ extern "C" BOOL WINAPI SetWindowPos(HWND hwnd, HWND after, int x, int y, int cx,
         RECT f = NonClientFrame(w->style, w->exStyle);
         origin = POINT{r.left + f.left, r.top + f.top};
     }
-    (void)shown;
     (void)hidden;
+    if (shown)
+        InvalidateRect(hwnd, nullptr, TRUE);
     if (moved)
         SendMessageW(hwnd, WM_MOVE, 0, PackPoint(origin.x, origin.y));
     if (sized)

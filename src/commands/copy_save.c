@@ -13,6 +13,7 @@
 /* Bytes of a logical palette block ahead of (and after) its entries. */
 #define COPY_PALETTE_EXTRA_BYTES 8
 #define SAVE_THREAD_STACK 256
+#define SAVE_NAME_CHARS SAVE_FILE_NAME_CHARS
 
 static void CopyBytes(BYTE *dst, const BYTE *src, DWORD count)
 {
@@ -146,22 +147,30 @@ DWORD MciSave(MCIDEVICEID deviceId, DWORD flags, LPVOID params)
     const MCI_SAVE_PARMS *save = (const MCI_SAVE_PARMS *)params;
     LONG result;
 
-    /* The file-name flag is not required: the name pointer is taken as is. */
+    DWORD length;
+
+    /* The file-name flag is not required, but a name is. */
     if (MciSaveRefused())
         return MCIERR_COMMAND_ORDER;
+    if (save->lpfilename == NULL || save->lpfilename[0] == 0)
+        return MCIERR_FILENAME_REQUIRED;
+    /* A name the buffer cannot hold whole (with its terminator) is refused,
+       never cut; the caller's string is not read past its end. */
+    for (length = 0; length < SAVE_NAME_CHARS && save->lpfilename[length] != 0; length++)
+        ;
+    if (length == SAVE_NAME_CHARS)
+        return MCIERR_PARAM_OVERFLOW;
 
+    /* The previous save's thread has written its result; it ends here. */
+    MciJoinThread(&g_hSaveThread);
     MciWriteResult(&g_saveResult, -1);
-
-    /* The name buffer is filled whole from the caller's memory, whatever the
-       name's length: a longer name is cut without a terminator. */
-    CopyBytes((BYTE *)g_saveFileName, (const BYTE *)save->lpfilename, sizeof g_saveFileName);
+    CopyBytes((BYTE *)g_saveFileName, (const BYTE *)save->lpfilename, (length + 1) * sizeof(WCHAR));
 
     g_saveRequest.callback = (HWND)save->dwCallback;
     g_saveRequest.fileName = g_saveFileName;
     InterlockedExchange(&g_saveCancel, 0);
     /* Started suspended so that the handle is stored before the thread can
-       run (it closes that handle when it ends, and a cancel reads its exit
-       code through it). */
+       run (a cancel reads its exit code through it). */
     g_hSaveThread = CreateThread(NULL, SAVE_THREAD_STACK, ImgSaveThread, &g_saveRequest, CREATE_SUSPENDED, NULL);
     if (g_hSaveThread == NULL) {
         MciWriteResult(&g_saveResult, MCIERR_OUT_OF_MEMORY);
@@ -169,8 +178,9 @@ DWORD MciSave(MCIDEVICEID deviceId, DWORD flags, LPVOID params)
     }
     ResumeThread(g_hSaveThread);
 
-    if (flags & MCI_WAIT)
-        MciWaitForResult(deviceId, &g_saveResult);
+    /* A waited save returns once its thread has left the driver. */
+    if ((flags & MCI_WAIT) && MciWaitForResult(deviceId, &g_saveResult) >= 0)
+        MciJoinThread(&g_hSaveThread);
 
     /* Still running: the notify case, or a wait the yield ended early. */
     result = MciReadResult(&g_saveResult);

@@ -9,6 +9,7 @@
 
 /* Size field of the configuration record open hands to the settings reader. */
 #define OPEN_CONFIG_RECORD_SIZE 12
+#define MODE_CLOSE_POLL_MS 10
 
 /* No image, and no scan or save under way: set by open and by close. */
 static void ClearOperationFlags(void)
@@ -27,6 +28,44 @@ static void ResetOperationState(void)
     g_scanBusy = 0;
     g_saveBusy = 0;
     g_modeBusy = 0;
+}
+
+/* Starts the display thread and waits until its window exists. The wait
+   also ends when the thread does (its window or the event failed), so open
+   never waits for ever; then nothing of the thread is left. */
+static BOOL StartDisplayThread(void)
+{
+    HANDLE waits[2];
+
+    g_dispThread = NULL;
+    g_dispReadyEvent = CreateEventW(NULL, TRUE, FALSE, NULL);
+    if (g_dispReadyEvent == NULL)
+        return FALSE;
+    g_dispThread = CreateThread(NULL, DISP_THREAD_STACK, DispThreadProc, NULL, 0, &g_dispThreadId);
+    if (g_dispThread != NULL) {
+        waits[0] = g_dispReadyEvent;
+        waits[1] = g_dispThread;
+        WaitForMultipleObjects(2, waits, FALSE, INFINITE);
+    }
+    CloseHandle(g_dispReadyEvent);
+    g_dispReadyEvent = NULL;
+    if (g_displayWnd != NULL)
+        return TRUE;
+    MciJoinThread(&g_dispThread);
+    g_targetWnd = NULL;
+    return FALSE;
+}
+
+/* Ends the display thread: its loop ends at the quit message, and the
+   thread destroys its own window. */
+static void EndDisplayThread(void)
+{
+    if (g_dispThread == NULL)
+        return;
+    if (!PostThreadMessageW(g_dispThreadId, WM_QUIT, 0, 0))
+        TerminateThread(g_dispThread, 0);
+    MciJoinThread(&g_dispThread);
+    g_displayWnd = NULL;
 }
 
 DWORD MciOpen(MCIDEVICEID deviceId, DWORD flags, LPVOID params)
@@ -62,13 +101,11 @@ DWORD MciOpen(MCIDEVICEID deviceId, DWORD flags, LPVOID params)
         return MCIERR_OUT_OF_MEMORY;
     }
 
-    /* The display thread signals the event once its window exists (or could
-       not be made). */
-    g_dispReadyEvent = CreateEventW(NULL, TRUE, FALSE, NULL);
-    g_dispThread = CreateThread(NULL, DISP_THREAD_STACK, DispThreadProc, NULL, 0, NULL);
-    WaitForSingleObject(g_dispReadyEvent, INFINITE);
-    CloseHandle(g_dispReadyEvent);
-    g_dispReadyEvent = NULL;
+    if (!StartDisplayThread()) {
+        ImgFreeImages();
+        DevClose();
+        return MCIERR_OUT_OF_MEMORY;
+    }
 
     ResetOperationState();
     g_deviceId = deviceId;
@@ -86,17 +123,45 @@ static BOOL EndOperation(UINT message)
     return TRUE;
 }
 
-DWORD MciClose(MCIDEVICEID deviceId, DWORD flags, LPVOID params)
+/* Waits for every worker thread still there: a save is asked to give up
+   first; a scan has been stopped and a dialog closed by then. */
+static void JoinWorkers(void)
+{
+    MSG msg;
+
+    if (g_hSaveThread != NULL) {
+        InterlockedExchange(&g_saveCancel, 1);
+        MciJoinThread(&g_hSaveThread);
+        InterlockedExchange(&g_saveCancel, 0);
+    }
+    /* A dialog thread that had not made its window when close sent
+       WM_CLOSE is told again once the window is there. */
+    while (g_hModeThread != NULL && WaitForSingleObject(g_hModeThread, MODE_CLOSE_POLL_MS) != WAIT_OBJECT_0) {
+        if (g_modeDlgWnd != NULL)
+            SendMessageW(g_modeDlgWnd, WM_CLOSE, 0, 0);
+        PeekMessageW(&msg, NULL, 0, 0, PM_NOREMOVE);
+    }
+    MciJoinThread(&g_hModeThread);
+    MciJoinThread(&g_hScanThread);
+}
+
+/* The timer goes with the operations it reported on. */
+static void StopNotifyTimer(void)
+{
+    if (g_timerActive == 1 && g_timerId != 0)
+        KillTimer(NULL, g_timerId);
+    g_timerId = 0;
+    g_timerActive = 0;
+}
+
+/* Close proper. With force (the library is let go) an operation that
+   cannot be ended does not stop the release. */
+static DWORD CloseDevice(BOOL force)
 {
     DWORD scanBusy, saveBusy, modeBusy;
-    DWORD exitCode;
+    DWORD error = 0;
 
-    (void)deviceId;
-    (void)flags;
-    (void)params;
-
-    /* No notification is delivered while the operations are ended. An
-       early return leaves g_notifyLock held, as the driver always has. */
+    /* No notification is delivered while the operations are ended. */
     EnterCriticalSection(&g_notifyLock);
     EnterCriticalSection(&g_stateLock);
     scanBusy = g_scanBusy;
@@ -105,37 +170,54 @@ DWORD MciClose(MCIDEVICEID deviceId, DWORD flags, LPVOID params)
     LeaveCriticalSection(&g_stateLock);
 
     if (scanBusy == 1 && !EndOperation(MCI_SCANREAD))
-        return MCIERR_HARDWARE;
-    if ((modeBusy == 1 || g_modeDlgWnd != NULL) && !EndOperation(MCI_SCANMODE))
-        return MCIERR_DRIVER_INTERNAL;
-    if (saveBusy == 1 && !EndOperation(MCI_SAVE))
-        return MCIERR_DRIVER_INTERNAL;
-    g_timerActive = 0;
+        error = MCIERR_HARDWARE;
+    if (error == 0 && (modeBusy == 1 || g_modeDlgWnd != NULL) && !EndOperation(MCI_SCANMODE))
+        error = MCIERR_DRIVER_INTERNAL;
+    if (error == 0 && saveBusy == 1 && !EndOperation(MCI_SAVE))
+        error = MCIERR_DRIVER_INTERNAL;
+    if (error != 0 && !force) {
+        /* The device stays open with the operation pending. Whatever has
+           let go of the driver is waited for; the timer goes on reporting
+           to this thread. */
+        LeaveCriticalSection(&g_notifyLock);
+        return error;
+    }
+    JoinWorkers();
+    StopNotifyTimer();
     LeaveCriticalSection(&g_notifyLock);
 
-    ImgFreeImages();
-
     /* An application window that is still the target keeps the paint hook
-       installed; it must not outlive the device (nor the library). */
+       installed; it must not outlive the device (nor the library). The
+       display thread ends before the images it paints from go. */
     if (g_paintHook != NULL) {
         UnhookWindowsHookEx(g_paintHook);
         g_paintHook = NULL;
     }
-    DestroyWindow(g_displayWnd);
-    g_displayWnd = NULL;
+    EndDisplayThread();
     g_targetWnd = NULL;
-    if (g_dispThread != NULL) {
-        GetExitCodeThread(g_dispThread, &exitCode);
-        TerminateThread(g_dispThread, exitCode);
-        CloseHandle(g_dispThread);
-        g_dispThread = NULL;
-    }
+    ImgFreeImages();
 
-    if (DevClose() != 1)
+    if (DevClose() != 1 && !force)
         return MCIERR_DEVICE_NOT_READY;
 
     g_deviceOpen = 0;
     g_deviceId = 0;
     ClearOperationFlags();
     return 0;
+}
+
+DWORD MciClose(MCIDEVICEID deviceId, DWORD flags, LPVOID params)
+{
+    (void)deviceId;
+    (void)flags;
+    (void)params;
+    return CloseDevice(FALSE);
+}
+
+void MciShutdown(void)
+{
+    if (g_deviceOpen == 1)
+        CloseDevice(TRUE);
+    else
+        StopNotifyTimer();
 }

@@ -17,6 +17,9 @@ DWORD MciStop(MCIDEVICEID deviceId, DWORD flags, LPVOID params)
     if (!MciScanBusy() || g_scanStarted == 0)
         return 0;
     if (DevControl(DEVCTL_ABORT) == 1) {
+        /* The reader has let go of the scan; its thread ends before the
+           notification goes out. */
+        MciJoinThread(&g_hScanThread);
         MciNotifyTimerProc(NULL, 0, 0, 0);
         return 0;
     }
@@ -133,8 +136,9 @@ DWORD MciCmdScanRead(MCIDEVICEID deviceId, DWORD flags, LPVOID params)
     g_scanFlags = flags;
 
     if (flags & MCI_NOTIFY) {
-        /* Started suspended so that the handle is stored before the thread
-           can close it. */
+        /* The previous scan's thread has ended or is ending. Started
+           suspended so that the handle is stored before the thread runs. */
+        MciJoinThread(&g_hScanThread);
         g_hScanThread = CreateThread(NULL, 256, ImgScanThread, &g_scanFlags, CREATE_SUSPENDED, NULL);
         if (g_hScanThread == NULL) {
             g_scanStarted = 0;
@@ -196,8 +200,9 @@ DWORD MciCmdScanMode(MCIDEVICEID deviceId, DWORD flags, LPVOID params)
     g_modeRequest.params = mode;
     g_hModeOwner = GetActiveWindow();
     if (flags & MCI_NOTIFY) {
-        /* Started suspended so that the handle is stored before the thread
-           can close it. */
+        /* A previous dialog's thread has ended or is ending. Started
+           suspended so that the handle is stored before the thread runs. */
+        MciJoinThread(&g_hModeThread);
         g_hModeThread = CreateThread(NULL, 256, CfgModeSetThread, &g_modeRequest, CREATE_SUSPENDED, NULL);
         if (g_hModeThread == NULL) {
             MciWriteResult(&g_modeResult, MCIERR_CREATEWINDOW);

@@ -364,8 +364,8 @@ DWORD WINAPI CfgModeSetThread(LPVOID request)
     if (result == 0)
         CfgApplyScanMode(copy.flags, &copy.params);
 
+    /* With notify this runs on a thread whose handle the driver keeps and
+       waits on. */
     g_modeDlgWnd = NULL;
-    if (copy.flags & MCI_NOTIFY)
-        CloseHandle(g_hModeThread);
     return 0;
 }

@@ -190,10 +190,13 @@ DWORD DevReadImage(void)
 
         EnterCriticalSection(&g_stateLock);
         if (g_abortRequest == 1) {
-            /* Acknowledge the stop; it sets the result and aborts the line. */
+            /* Acknowledge the stop; it sets the result and aborts the line.
+               The scan is marked aborted before the stop can see the
+               acknowledgement, so that the notification it delivers at
+               once says so. */
+            g_scanAborted = 1;
             g_abortRequest = 0;
             LeaveCriticalSection(&g_stateLock);
-            g_scanAborted = 1;
             return MCIERR_SCANNER_ABNORMAL;
         }
         g_scanResult = -1;

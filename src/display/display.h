@@ -27,6 +27,7 @@ extern HWND g_displayWnd;
 /* The display thread; open starts it, the thread closes the handle and
    clears this when it ends by itself. */
 extern HANDLE g_dispThread;
+extern DWORD g_dispThreadId; /* close asks the thread's loop to end */
 /* Manual-reset event, made by open before the thread starts; the thread
    sets it once g_displayWnd holds the window (or 0 when it could not be
    made). */

@@ -6,6 +6,10 @@
 
 #include <string.h>
 
+/* Largest far edge of a rectangle put: room is left for rounding a row
+   width up to whole 32-bit words. */
+#define DISP_COORD_LIMIT 0x7FFFFFE0L
+
 /* A display copy being made, before it replaces the present one. */
 typedef struct DispSlot {
     HGLOBAL infoMem;
@@ -126,8 +130,8 @@ static void DispRedrawFromImage(void)
     } else if (s->x < imageWidth) {
         LONG cut = imageWidth - s->x;
 
-        StretchBlt(g_dispDC, 0, 0, d->width * cut / s->width, d->height, g_imageDC, s->x, s->y, cut, s->height,
-                   SRCCOPY);
+        StretchBlt(g_dispDC, 0, 0, (LONG)((LONGLONG)d->width * cut / s->width), d->height, g_imageDC, s->x, s->y, cut,
+                   s->height, SRCCOPY);
     }
 }
 
@@ -229,6 +233,10 @@ DWORD MciPut(MCIDEVICEID deviceId, DWORD flags, LPVOID params)
     rect.width = parms->rc.right;
     rect.height = parms->rc.bottom;
     if (rect.x < 0 || rect.y < 0 || rect.width < 1 || rect.height < 1)
+        return MCIERR_OUTOFRANGE;
+    /* The far edges (and a row width rounded up from them) must be 32-bit
+       numbers for the painting's arithmetic. */
+    if (rect.width > DISP_COORD_LIMIT - rect.x || rect.height > DISP_COORD_LIMIT - rect.y)
         return MCIERR_OUTOFRANGE;
 
     if (which == MCI_ANIM_PUT_SOURCE) {

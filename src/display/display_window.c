@@ -10,6 +10,7 @@ HWND g_targetWnd;
 
 HWND g_displayWnd;
 HANDLE g_dispThread;
+DWORD g_dispThreadId;
 HANDLE g_dispReadyEvent;
 LONG g_scrollX;
 LONG g_scrollY;
@@ -30,20 +31,23 @@ DWORD WINAPI DispThreadProc(LPVOID param)
        open at once finds it. */
     if (wnd != NULL)
         g_targetWnd = wnd;
-    SetEvent(g_dispReadyEvent);
-    if (wnd == NULL) {
-        CloseHandle(g_dispThread);
-        g_dispThread = NULL;
-        ExitThread(0);
+    /* Open waits for the event or for this thread's end: a window that
+       could not be made, or an event that cannot be set, ends the thread
+       and fails the open. */
+    if (!SetEvent(g_dispReadyEvent) || wnd == NULL) {
+        if (wnd != NULL)
+            DestroyWindow(wnd);
+        g_displayWnd = NULL;
+        return 0;
     }
-    while (GetMessageW(&msg, NULL, 0, 0)) {
+    /* Close posts the quit message and waits for this thread's end; the
+       handle is open's and close's, not the thread's. */
+    while (GetMessageW(&msg, NULL, 0, 0) > 0) {
         TranslateMessage(&msg);
         DispatchMessageW(&msg);
     }
+    DestroyWindow(wnd);
     g_displayWnd = NULL;
-    CloseHandle(g_dispThread);
-    g_dispThread = NULL;
-    ExitThread(0);
     return 0;
 }
 

@@ -62,8 +62,16 @@ DWORD MciDispatchCommand(MCIDEVICEID deviceId, UINT message, DWORD flags, LPVOID
     if ((flags & MCI_NOTIFY) && !IsWindow((HWND)((MCI_GENERIC_PARMS *)params)->dwCallback))
         return MCIERR_MISSING_PARAMETER;
 
-    result = RouteCommand(deviceId, message, flags, params);
-    if (LOWORD(result) != 0 || !(flags & MCI_NOTIFY))
+    if (!(flags & MCI_NOTIFY))
+        return RouteCommand(deviceId, message, flags, params);
+    /* A notification that comes later needs its timer before the work
+       starts; one that cannot be made refuses the command. */
+    result = MciPrepareNotify(flags, message);
+    if (result != 0)
         return result;
-    return MciQueueNotify(deviceId, flags, message, params);
+    result = RouteCommand(deviceId, message, flags, params);
+    if (LOWORD(result) == 0)
+        result = MciQueueNotify(deviceId, flags, message, params);
+    MciDropPreparedNotify();
+    return result;
 }

@@ -66,6 +66,9 @@ static LRESULT DrvLoad(void)
 
 static LRESULT DrvFree(void)
 {
+    /* Nothing the device started may outlive the library, not even after a
+       close that failed. */
+    MciShutdown();
     UnregisterClassW(s_displayClass, g_hModule);
     if (g_commandTableId != MCI_NO_COMMAND_TABLE) {
         mciFreeCommandResource(g_commandTableId);

@@ -237,6 +237,16 @@ DWORD MciQueueNotify(MCIDEVICEID deviceId, DWORD flags, UINT message, LPVOID par
 void CALLBACK MciNotifyTimerProc(HWND wnd, UINT msg, UINT_PTR timerId, DWORD time);
 void MciAbortNotify(UINT message);
 BOOL MciCancelOperation(UINT message);
+/* Threads: the driver keeps each worker's handle until it has waited for
+   the thread's end. */
+void MciJoinThread(HANDLE *thread);
+/* The timer of a deferred notify command, made before its work starts
+   (0 or MCIERR_OUT_OF_MEMORY), and dropped when the command fails. */
+DWORD MciPrepareNotify(DWORD flags, UINT message);
+void MciDropPreparedNotify(void);
+/* Ends everything the open device has running and releases it, even when
+   an operation cannot be ended: used when the library is let go. */
+void MciShutdown(void);
 
 /* Busy refusals of the handlers: 514 when the command may not run now. */
 BOOL MciScanReadRefused(void);

@@ -7,6 +7,15 @@
 #define NOTIFY_TIMER_ID 1
 #define NOTIFY_TIMER_PERIOD 1000
 #define SAVE_CANCEL_POLL_MS 1000
+#define JOIN_TRIES 100
+#define JOIN_RETRY_MS 10
+
+/* The timer made for a deferred notify command before its work started. */
+static UINT_PTR s_readyTimer;
+/* Whether the notify command being dispatched reports later, decided
+   before its handler ran. */
+static BOOL s_decided;
+static BOOL s_defers;
 
 /* Busy flag of an operation: scan, save, else the mode dialog. */
 static DWORD *BusyFlagOf(UINT message)
@@ -48,6 +57,79 @@ static void Notify(HWND callback, UINT code)
 {
     /* The window may be gone by now; nothing to do about it. */
     mciDriverNotify((HANDLE)callback, g_deviceId, code);
+}
+
+/* Waits for a thread the driver started and closes its handle; the handle
+   is the driver's, not the thread's, so the thread has left the driver's
+   code once this returns. */
+void MciJoinThread(HANDLE *thread)
+{
+    int failures = 0;
+    MSG msg;
+
+    if (*thread == NULL)
+        return;
+    /* The thread may send to a window of this thread on its way out (a
+       dialog's owner, a target window): sent messages are taken in while
+       waiting. */
+    while (failures < JOIN_TRIES) {
+        DWORD woke = MsgWaitForMultipleObjects(1, thread, FALSE, INFINITE, QS_ALLINPUT);
+        if (woke == WAIT_OBJECT_0)
+            break;
+        if (woke == WAIT_OBJECT_0 + 1) {
+            PeekMessageW(&msg, NULL, 0, 0, PM_NOREMOVE);
+            if (WaitForSingleObject(*thread, JOIN_RETRY_MS) == WAIT_OBJECT_0)
+                break;
+            continue;
+        }
+        failures++;
+        Sleep(JOIN_RETRY_MS);
+    }
+    CloseHandle(*thread);
+    *thread = NULL;
+}
+
+/* Closes the handle of a thread that has already ended; one still running
+   is left for a later join. */
+static void ReapThread(HANDLE *thread)
+{
+    if (*thread != NULL && WaitForSingleObject(*thread, 0) == WAIT_OBJECT_0) {
+        CloseHandle(*thread);
+        *thread = NULL;
+    }
+}
+
+/* A notify command whose notification comes later: its timer is made
+   before the work starts, so that a timer that cannot be made refuses the
+   command with nothing started. */
+static BOOL Defers(DWORD flags, UINT message)
+{
+    return message == MCI_SCANREAD || message == MCI_SAVE ||
+           (message == MCI_SCANMODE && (flags & MCI_SCANMODE_DIALOG) && g_modeDlgWnd == NULL);
+}
+
+DWORD MciPrepareNotify(DWORD flags, UINT message)
+{
+    if (!(flags & MCI_NOTIFY))
+        return 0;
+    /* Decided before the handler runs: a dialog thread that has its window
+       by the time the notification step looks still came from this
+       command. */
+    s_decided = TRUE;
+    s_defers = Defers(flags, message);
+    if (!s_defers || g_timerActive == 1 || s_readyTimer != 0)
+        return 0;
+    s_readyTimer = SetTimer(NULL, NOTIFY_TIMER_ID, NOTIFY_TIMER_PERIOD, MciNotifyTimerProc);
+    return s_readyTimer == 0 ? MCIERR_OUT_OF_MEMORY : 0;
+}
+
+void MciDropPreparedNotify(void)
+{
+    s_decided = FALSE;
+    if (s_readyTimer != 0) {
+        KillTimer(NULL, s_readyTimer);
+        s_readyTimer = 0;
+    }
 }
 
 LONG MciReadResult(volatile LONG *result)
@@ -185,14 +267,15 @@ DWORD MciQueueNotify(MCIDEVICEID deviceId, DWORD flags, UINT message, LPVOID par
         Notify(*CallbackOf(pending), MCI_NOTIFY_SUPERSEDED);
     }
 
-    if (message != MCI_SCANREAD && message != MCI_SAVE &&
-        !(message == MCI_SCANMODE && (flags & MCI_SCANMODE_DIALOG) && g_modeDlgWnd == NULL)) {
+    if (!(s_decided ? s_defers : Defers(flags, message))) {
         mciDriverNotify((HANDLE)callback, deviceId, MCI_NOTIFY_SUCCESSFUL);
         return 0;
     }
 
     if (g_timerActive == 0) {
-        g_timerId = SetTimer(NULL, NOTIFY_TIMER_ID, NOTIFY_TIMER_PERIOD, MciNotifyTimerProc);
+        g_timerId =
+            s_readyTimer != 0 ? s_readyTimer : SetTimer(NULL, NOTIFY_TIMER_ID, NOTIFY_TIMER_PERIOD, MciNotifyTimerProc);
+        s_readyTimer = 0;
         if (g_timerId == 0)
             return MCIERR_OUT_OF_MEMORY;
         g_timerActive = 1;
@@ -239,11 +322,20 @@ void CALLBACK MciNotifyTimerProc(HWND wnd, UINT msg, UINT_PTR timerId, DWORD tim
             }
         }
         WriteFlag(&g_scanBusy, 0);
+        /* After its result the scan thread only gives the scan-mode
+           dialog's controls back, which needs the dialog's thread: with no
+           dialog it is waited for, else it is left to a later join. */
+        if (g_modeDlgWnd == NULL && modeBusy == 0)
+            MciJoinThread(&g_hScanThread);
+        else
+            ReapThread(&g_hScanThread);
     }
 
     if (saveResult >= 0 && saveBusy == 1) {
         Notify(g_saveCallback, saveResult == 0 ? MCI_NOTIFY_SUCCESSFUL : MCI_NOTIFY_FAILURE);
         WriteFlag(&g_saveBusy, 0);
+        /* The save thread does nothing after its result but end. */
+        MciJoinThread(&g_hSaveThread);
     }
 
     if (modeResult >= 0 && modeBusy == 1) {
@@ -251,6 +343,7 @@ void CALLBACK MciNotifyTimerProc(HWND wnd, UINT msg, UINT_PTR timerId, DWORD tim
             g_scanParams = g_savedScanParams;
         Notify(g_modeCallback, modeResult == 0 ? MCI_NOTIFY_SUCCESSFUL : MCI_NOTIFY_FAILURE);
         WriteFlag(&g_modeBusy, 0);
+        ReapThread(&g_hModeThread);
     }
 
     EnterCriticalSection(&g_stateLock);

@@ -4,6 +4,7 @@
 #include "image/image.h"
 
 #define IMG_FILE_HEADER_BYTES 14
+#define IMG_ERROR_WRITE_FAULT 29
 
 /* System error of a failed file operation to the MCI error reported. */
 DWORD ImgMapFileError(DWORD error)
@@ -84,10 +85,17 @@ static void ImgFreeBlock(HGLOBAL mem, void *ptr)
         GlobalFree(mem);
 }
 
+/* A write that stores fewer bytes than asked (a full device) fails too,
+   with a write fault when the system gave no reason. */
 static BOOL ImgWriteAll(HANDLE file, const void *data, DWORD bytes)
 {
     DWORD written = 0;
-    return WriteFile(file, data, bytes, &written, NULL) == TRUE;
+
+    if (WriteFile(file, data, bytes, &written, NULL) == TRUE && written == bytes)
+        return TRUE;
+    if (GetLastError() == 0)
+        SetLastError(IMG_ERROR_WRITE_FAULT);
+    return FALSE;
 }
 
 /* The cancel flag is set by the application's thread without a lock. */
@@ -101,7 +109,8 @@ _Noreturn static void ImgEndSave(LONG result)
     EnterCriticalSection(&g_stateLock);
     g_saveResult = result;
     LeaveCriticalSection(&g_stateLock);
-    CloseHandle(g_hSaveThread);
+    /* The handle is the driver's: it waits for this end before it closes
+       the handle or lets the library go. */
     ExitThread(0);
 }
 

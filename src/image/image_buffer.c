@@ -210,9 +210,16 @@ static void ImgFreeLocked(HGLOBAL *mem, void **ptr)
 void ImgFreeSlot(HGLOBAL *infoMem, BITMAPINFO **info, HBITMAP *bitmap, HDC *dc, HBITMAP *oldBitmap)
 {
     void *p = *info;
+    HGDIOBJ back = NULL;
 
     if (*oldBitmap != NULL && *dc != NULL)
-        SelectObject(*dc, *oldBitmap);
+        back = SelectObject(*dc, *oldBitmap);
+    /* A bitmap still selected cannot be deleted: when it could not be put
+       back, the DC goes first and lets go of it. */
+    if (*oldBitmap != NULL && *dc != NULL && (back == NULL || back == HGDI_ERROR)) {
+        DeleteDC(*dc);
+        *dc = NULL;
+    }
     if (*bitmap != NULL)
         DeleteObject(*bitmap);
     if (*dc != NULL)

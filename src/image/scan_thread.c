@@ -34,12 +34,12 @@ static void SetScanResult(LONG value)
     LeaveCriticalSection(&g_stateLock);
 }
 
-/* Ends the thread, or returns to scanread when it waits. */
+/* Ends the thread, or returns to scanread when it waits. The handle is
+   the driver's: stop, the next scan and close wait for this end. */
 static DWORD FinishScanThread(DWORD flags)
 {
     if (flags & MCI_WAIT)
         return 0;
-    CloseHandle(g_hScanThread);
     ExitThread(0);
     return 0;
 }
@@ -97,7 +97,9 @@ DWORD WINAPI ImgScanThread(LPVOID flagsPtr)
     ImgCommitScan();
 
     shown = g_dispReleased == 0 ? DispRefresh() : 1;
-    SetScanResult(shown == 1 ? 0 : MCIERR_NO_WINDOW);
+    /* The dialog's controls come back before the result is seen, so that
+       nothing of the scan is left once the notification is out. */
     ImgRestoreModeDlgControls();
+    SetScanResult(shown == 1 ? 0 : MCIERR_NO_WINDOW);
     return FinishScanThread(flags);
 }

@@ -600,8 +600,10 @@ BOOL ProtAbort(void)
             ProtReleaseWorkArea();
             return FALSE;
         }
-        if (!ProtDiscardInput(500))
+        if (!ProtDiscardInput(500)) {
+            ProtReleaseWorkArea();
             return FALSE;
+        }
     }
     if (!ProtSendByte(PROT_DC4) || !ProtReadReply() || !ProtWaitReady()) {
         ProtReleaseWorkArea();

@@ -20,6 +20,9 @@ typedef enum PlatKind {
     PLAT_KIND_TIMER,      /* thread and window timers */
     PLAT_KIND_HOOK,       /* windows hooks */
     PLAT_KIND_MODULE,     /* modules loaded with LoadLibrary */
+    PLAT_KIND_STRANDED,   /* threads, timers, window and hook procedures of a
+                             module that were still live when FreeLibrary let
+                             the module go (never goes down: each is an error) */
     PLAT_KIND_COUNT
 } PlatKind;
 
