@@ -442,7 +442,7 @@ extern "C" BOOL WINAPI DeleteFileW(LPCWSTR fileName)
     // Only files are deleted: a device (/dev/full) or a directory is not a
     // file to Windows, and unlinking one as root would remove it for good.
     struct stat st;
-    if (::lstat(path.c_str(), &st) == 0 && !S_ISREG(st.st_mode) && !S_ISLNK(st.st_mode)) {
+    if (::lstat(path.c_str(), &st) == 0 && (S_ISCHR(st.st_mode) || S_ISBLK(st.st_mode) || S_ISDIR(st.st_mode))) {
         SetError(ERROR_ACCESS_DENIED);
         return FALSE;
     }
