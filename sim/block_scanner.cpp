@@ -163,6 +163,13 @@ std::vector<uint8_t> BlockScanner::LineLocked(long index) const
     return PackLine(window_.format, window_.top + index % lines, static_cast<int>(index / lines));
 }
 
+void BlockScanner::FrameProgress(long *sent, long *total) const
+{
+    std::lock_guard<std::mutex> lock(mutex_);
+    *total = hasWindow_ ? FramesLocked() : 0;
+    *sent = std::min(next_, *total);
+}
+
 long BlockScanner::FramesLocked() const
 {
     return window_.lines * Passes(window_.format);

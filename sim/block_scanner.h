@@ -92,6 +92,10 @@ public:
     // The line the scanner sends as frame `index` of the last window.
     std::vector<uint8_t> Line(long index) const;
 
+    // Data frames of the scan in progress (or the last one): sent so far and
+    // in all; both 0 before the first scan.
+    void FrameProgress(long *sent, long *total) const;
+
     // The base resolution of the model's window at resolution r.
     static long BaseOf(int model, long r);
 

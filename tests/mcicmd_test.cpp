@@ -4,8 +4,12 @@
 
 #include "page.h"
 
+#include <poll.h>
+#include <signal.h>
 #include <sys/wait.h>
+#include <unistd.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <fstream>
 #include <string>
@@ -21,11 +25,16 @@ struct Outcome {
 class McicmdTest : public PlatformTest
 {
 protected:
-    Outcome Mcicmd(const std::string &args)
+    std::string Command(const std::string &args)
+    {
+        return std::string(TAMRIX_BUILD_DIR) + "/bin/mcicmd --windir " + dir_.path() + " " + args;
+    }
+    Outcome Mcicmd(const std::string &args) { return Shell(Command(args)); }
+    // A shell command line; its standard error is read from a file.
+    Outcome Shell(const std::string &line)
     {
         std::string errFile = dir_ / "stderr";
-        std::string cmd =
-            std::string(TAMRIX_BUILD_DIR) + "/bin/mcicmd --windir " + dir_.path() + " " + args + " 2>" + errFile;
+        std::string cmd = "(" + line + ") 2>" + errFile;
         Outcome r;
         PlatBeginExternalWait();
         if (FILE *p = popen(cmd.c_str(), "r")) {
@@ -44,13 +53,173 @@ protected:
     tamrix_test::TempDir dir_;
 };
 
-TEST_F(McicmdTest, HelpDocumentsOptionsAndMetaCommands)
+// The help lists the driver's commands as its command table has them: what
+// the parser reaches (only "millimeter" of the time formats, both status
+// items although their list has no end entry).
+TEST_F(McicmdTest, HelpListsTheCommandsOfTheDriversTable)
 {
     Outcome r = Mcicmd("--help");
     EXPECT_EQ(r.status, 0);
-    for (const char *word : {"--file", "--keep-going", "--windir", "--install", ".wait", ".sleep", "notify:"})
+    for (const char *word :
+         {"--file", "--keep-going", "--install", ".wait [#K|DEVICE]", ".snapshot", "\"wait\" or",
+          "scanread DEVICE [rect X Y WIDTH HEIGHT] wait|notify", "time format: millimeter\n", "ITEM: ready, scanner\n",
+          "maximum resolution,", "can halftone\n", "answers a rectangle", "e.g. \"save s page.bmp wait\""})
         EXPECT_NE(r.out.find(word), std::string::npos) << word;
     EXPECT_NE(Mcicmd("--bogus").status, 0);
+
+    // The same from input lines, which also take quit.
+    std::ofstream(dir_ / "h.mci") << "help status\nquit\nfrobnicate x wait\n";
+    r = Mcicmd("--no-scanner -f " + dir_ / "h.mci");
+    EXPECT_EQ(r.status, 0) << r.err;
+    EXPECT_NE(r.out.find("status DEVICE [ITEM] wait|notify"), std::string::npos) << r.out;
+    EXPECT_EQ(r.out.find("scanread"), std::string::npos) << r.out;
+}
+
+// What a user can get wrong is refused with a message that says what to do.
+TEST_F(McicmdTest, MistakesAreRefusedWithWhatToDoInstead)
+{
+    for (const char *spec : {"3:scsi", "ks-610:gpib", "1:scsi"}) {
+        Outcome r = Mcicmd(std::string("--scanner ") + spec + " \"open scanner alias s wait\"");
+        EXPECT_EQ(r.status, 2) << spec;
+        EXPECT_NE(r.err.find("interface. Each model's interfaces:\n  KS-610: rs232c\n"), std::string::npos) << r.err;
+        EXPECT_EQ(r.err.find("attach"), std::string::npos) << r.err;
+    }
+    // A new Windows directory has no driver entered: the message says --install.
+    Outcome r = Mcicmd("\"open scanner alias s wait\"");
+    EXPECT_EQ(r.status, 1);
+    EXPECT_NE(r.err.find("error 306"), std::string::npos) << r.err;
+    EXPECT_NE(r.err.find("--install"), std::string::npos) << r.err;
+    // The modal scan-mode dialog nobody could answer is refused, not waited for.
+    r = Mcicmd("--install \"open scanner alias s wait\" \"scanmode s resolution 200 dialog wait\"");
+    EXPECT_EQ(r.status, 1);
+    EXPECT_NE(r.err.find("--dialog-answer"), std::string::npos) << r.err;
+    // Answered, it ends as the dialog's buttons end it.
+    r = Mcicmd("--dialog-answer cancel \"open scanner alias s wait\" \"scanmode s resolution 200 dialog wait\"");
+    EXPECT_NE(r.err.find("error 273"), std::string::npos) << r.err;
+    r = Mcicmd("--dialog-answer ok \"open scanner alias s wait\" \"scanmode s resolution 200 dialog wait\" "
+               "\"close s wait\"");
+    EXPECT_EQ(r.status, 0) << r.err;
+}
+
+// Each notification names its command; .wait waits for commands, not for a
+// number of notifications. A save superseded by a status command hears
+// "superseded" first and its own end at the next tick: .wait #1 waits for it.
+TEST_F(McicmdTest, WaitWaitsForTheEndOfTheCommandsItNames)
+{
+    const std::string bmp = dir_ / "w.bmp";
+    Outcome r = Mcicmd("--install \"open scanner alias s wait\" \"scanread s rect 0 0 200 200 wait\" \"save s " + bmp +
+                       " notify\" \"status s ready notify\" \".wait #1\" \"info s product wait\" \".wait #3\"");
+    EXPECT_EQ(r.status, 1);
+    size_t superseded = r.out.find("notify: superseded (device 1) #1 \"save s ");
+    size_t status = r.out.find("notify: successful (device 1) #2 \"status s ready notify\"");
+    size_t end = r.out.find_first_of("\n", r.out.find(") #1 \"save s ", superseded + 1));
+    size_t product = r.out.find("イメージスキャナ");
+    ASSERT_NE(superseded, std::string::npos) << r.out;
+    ASSERT_NE(status, std::string::npos) << r.out;
+    ASSERT_NE(end, std::string::npos) << "the save's own end never came:\n" << r.out;
+    EXPECT_LT(end, product) << r.out;
+    EXPECT_NE(r.err.find("error: .wait #3: there is no notify command #3 (2 so far)"), std::string::npos) << r.err;
+}
+
+// Ctrl-C stops a notified scan (MCI stop) instead of ending mcicmd, which
+// goes on with the next command.
+TEST_F(McicmdTest, InterruptStopsTheNotifiedScan)
+{
+    ASSERT_EQ(Mcicmd("--install --scanner ks-650:rs232c:1 .wait").status, 0);
+    int in[2], out[2];
+    ASSERT_EQ(pipe(in), 0);
+    ASSERT_EQ(pipe(out), 0);
+    std::string bin = std::string(TAMRIX_BUILD_DIR) + "/bin/mcicmd";
+    pid_t pid = fork();
+    if (pid == 0) {
+        dup2(in[0], 0);
+        dup2(out[1], 1);
+        close(in[1]);
+        close(out[0]);
+        execl(bin.c_str(), bin.c_str(), "--windir", dir_.path().c_str(), static_cast<char *>(nullptr));
+        _exit(127);
+    }
+    close(in[0]);
+    close(out[1]);
+    PlatBeginExternalWait();
+    // A whole page at the highest resolution: long enough to be running
+    // when the interrupt comes; the answer to "info" tells that it runs.
+    std::string script = "open scanner alias s wait\nscanmode s resolution 480 colorstep 256 wait\n"
+                         "scanread s rect 0 0 4080 5611 notify\ninfo s product wait\n";
+    ASSERT_EQ(write(in[1], script.data(), script.size()), static_cast<ssize_t>(script.size()));
+    std::string text;
+    char buf[256];
+    while (std::count(text.begin(), text.end(), '\n') < 2) { // open's answer and the product name
+        pollfd p{out[0], POLLIN, 0};
+        if (poll(&p, 1, 60000) <= 0)
+            break;
+        ssize_t n = read(out[0], buf, sizeof buf);
+        if (n <= 0)
+            break;
+        text.append(buf, static_cast<size_t>(n));
+    }
+    kill(pid, SIGINT);
+    script = ".wait\nclose s wait\n";
+    EXPECT_EQ(write(in[1], script.data(), script.size()), static_cast<ssize_t>(script.size()));
+    close(in[1]);
+    for (ssize_t n; (n = read(out[0], buf, sizeof buf)) > 0;)
+        text.append(buf, static_cast<size_t>(n));
+    close(out[0]);
+    int st = 0;
+    waitpid(pid, &st, 0);
+    PlatEndExternalWait();
+    EXPECT_TRUE(WIFEXITED(st) && WEXITSTATUS(st) == 0) << st << "\n" << text;
+    EXPECT_NE(text.find("notify: aborted (device 1) #1 \"scanread s rect 0 0 4080 5611 notify\""), std::string::npos)
+        << text;
+}
+
+// A scan that takes a while shows its progress on a terminal, and only there.
+TEST_F(McicmdTest, ProgressLineOnATerminalOnly)
+{
+    const std::string args = "--install --scanner ks-650:rs232c:1 \"open scanner alias s wait\" \"scanmode s "
+                             "resolution 480 colorstep 256 wait\" \"scanread s rect 0 0 2000 3000 wait\" \"close s "
+                             "wait\"";
+    Outcome r = Mcicmd(args);
+    ASSERT_EQ(r.status, 0) << r.err;
+    EXPECT_EQ(r.err.find("lines"), std::string::npos) << r.err;
+    // script(1) gives mcicmd a terminal.
+    r = Shell("script -qec '" + Command(args) + "' /dev/null");
+    EXPECT_NE(r.out.find(" of 3000 lines, "), std::string::npos) << r.out;
+    EXPECT_NE(r.out.find("scan: 3000 of 3000 lines"), std::string::npos) << r.out;
+}
+
+// .snapshot shows what the display window shows: the scanned picture where
+// put placed it, white around it.
+TEST_F(McicmdTest, SnapshotShowsTheDisplayWindow)
+{
+    int st = system("/usr/bin/python3 -c 'import PIL' 2>/dev/null");
+    if (st != 0)
+        GTEST_SKIP() << "python3 with PIL is not installed: cannot read the file back";
+    Outcome r = Mcicmd("--install --scanner ks-650:scsi \"open scanner alias s wait\" \"scanmode s resolution 200 "
+                       "wait\" \"scanread s rect 100 100 40 40 wait\" \"window s state show wait\" \"put s "
+                       "destination at 10 20 80 80 wait\" \".snapshot " +
+                       dir_ / "d.png" + "\" \"close s wait\"");
+    ASSERT_EQ(r.status, 0) << r.err;
+    std::string cmd = "/usr/bin/python3 -c \"import sys; from PIL import Image; im = "
+                      "Image.open(sys.argv[1]).convert('RGB'); print(*im.getpixel((5, 5)), *im.getpixel((50, 60)), "
+                      "*im.getpixel((89, 99)), *im.getpixel((90, 100)))\" " +
+                      dir_ / "d.png";
+    std::string text;
+    PlatBeginExternalWait();
+    if (FILE *f = popen(cmd.c_str(), "r")) {
+        char buf[256];
+        while (fgets(buf, sizeof buf, f))
+            text += buf;
+        pclose(f);
+    }
+    PlatEndExternalWait();
+    // Scan pixels (20, 20) and (39, 39) shown twice as large from (10, 20).
+    auto px = [](int x, int y) {
+        sim::Rgb v = sim::PageSample((100 + x) * 6, (100 + y) * 6);
+        auto on = [](int c) { return std::to_string(c >= 128 ? 255 : 0); };
+        return on(v.r) + " " + on(v.g) + " " + on(v.b) + " ";
+    };
+    EXPECT_EQ(text, "255 255 255 " + px(20, 20) + px(39, 39) + "255 255 255\n") << text;
 }
 
 TEST_F(McicmdTest, ScriptStopsAtTheFirstErrorUnlessKeepGoing)

@@ -7,7 +7,7 @@ set -euo pipefail
 packages=(cmake make g++ gcc clang clang-format git googletest libgtest-dev libgmock-dev
           binutils-mingw-w64 gcc-mingw-w64-i686 g++-mingw-w64-i686
           gcc-mingw-w64-x86-64 g++-mingw-w64-x86-64 python3 python3-pil imagemagick
-          libsane-dev sane-utils pkg-config)
+          libsane-dev sane-utils pkg-config libedit-dev)
 
 missing=()
 for p in "${packages[@]}"; do

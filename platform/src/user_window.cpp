@@ -519,8 +519,11 @@ extern "C" HWND WINAPI GetWindow(HWND hwnd, UINT cmd)
         return nullptr;
     if (cmd == GW_OWNER)
         return w->owner;
-    if (cmd == GW_CHILD)
-        return w->children.empty() ? nullptr : w->children.front();
+    if (cmd == GW_CHILD) {
+        // The desktop's children are the top-level windows.
+        const std::vector<HWND> &children = w == User().desktop ? User().topLevel : w->children;
+        return children.empty() ? nullptr : children.front();
+    }
     std::vector<HWND> *list = SiblingsOf(*w);
     if (w == User().desktop || list == nullptr || list->empty())
         return nullptr;
@@ -574,6 +577,24 @@ extern "C" int WINAPI GetWindowTextW(HWND hwnd, LPWSTR text, int max)
         return 0;
     text[0] = 0;
     return static_cast<int>(SendMessageW(hwnd, WM_GETTEXT, static_cast<WPARAM>(max), reinterpret_cast<LPARAM>(text)));
+}
+
+// The class name as registered, cut to fit; the characters copied.
+extern "C" int WINAPI GetClassNameW(HWND hwnd, LPWSTR name, int max)
+{
+    auto lock = LockWorld();
+    auto w = CheckWindow(hwnd);
+    if (!w || !w->cls)
+        return 0;
+    if (name == nullptr || max <= 0) {
+        SetError(ERROR_INSUFFICIENT_BUFFER);
+        return 0;
+    }
+    const std::u16string &s = w->cls->name;
+    int n = static_cast<int>(std::min<size_t>(s.size(), static_cast<size_t>(max - 1)));
+    std::copy(s.begin(), s.begin() + n, reinterpret_cast<char16_t *>(name));
+    name[n] = 0;
+    return n;
 }
 
 extern "C" int WINAPI GetWindowTextLengthW(HWND hwnd)

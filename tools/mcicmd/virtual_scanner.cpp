@@ -109,6 +109,25 @@ bool ParseScannerChoice(const std::string &text, ScannerChoice *choice, std::str
             return false;
         }
     }
+    // The settings turn a model's missing interface into another one; say so
+    // instead of scanning somewhere else than asked.
+    static const char *const kSupported[] = {"",
+                                             "rs232c",
+                                             "scsi, rs232c, gpib",
+                                             "rs232c, gpib",
+                                             "scsi, rs232c, gpib",
+                                             "scsi, rs232c, gpib",
+                                             "scsi, rs232c, gpib",
+                                             "gpib"};
+    const bool supported = !((c.model == 1 && c.interface != 2) || (c.model == 3 && c.interface == 1) ||
+                             (c.model == 7 && c.interface != 3));
+    if (!supported) {
+        *error = std::string("the ") + kModelNames[c.model] + " has no " + kInterfaceNames[c.interface] +
+                 " interface. Each model's interfaces:";
+        for (unsigned m = 1; m <= 7; m++)
+            *error += std::string("\n  ") + kModelNames[m] + ": " + kSupported[m];
+        return false;
+    }
     c.id = c.interface == 1 ? 0 : c.interface == 2 ? 1 : 2;
     if (n > 2) {
         bool ok = c.interface == 2   ? ParseNumber(parts[2], 1, 9, &c.id)
@@ -158,6 +177,7 @@ ScannerChoice ReadScannerChoice()
 struct VirtualScanner::Parts {
     std::unique_ptr<sim::SerialLink> serial;
     std::shared_ptr<sim::ScsiScanner> scsi;
+    std::shared_ptr<sim::BlockScanner> block;
     int gpibAddress = -1;
 };
 
@@ -175,21 +195,33 @@ VirtualScanner::VirtualScanner(const ScannerChoice &c) : parts_(std::make_unique
                        std::to_string(c.id) + "): no virtual scanner, the " + model + " on that line answers";
         return;
     } else if (c.interface == 2) {
-        parts_->serial = std::make_unique<sim::SerialLink>(c.id, std::make_shared<sim::BlockScanner>((int)c.model, 5));
+        parts_->block = std::make_shared<sim::BlockScanner>((int)c.model, 5);
+        parts_->serial = std::make_unique<sim::SerialLink>(c.id, parts_->block);
         attached_ = parts_->serial->attached();
         where = "COM" + std::to_string(c.id);
     } else {
         std::shared_ptr<sim::GpibDevice> device;
         if (c.model == 7)
             device = std::make_shared<sim::PolledScanner>();
-        else
-            device = sim::MakeGpibByteDevice(std::make_shared<sim::BlockScanner>((int)c.model, 5));
+        else {
+            parts_->block = std::make_shared<sim::BlockScanner>((int)c.model, 5);
+            device = sim::MakeGpibByteDevice(parts_->block);
+        }
         sim::AttachGpibDevice((int)c.id, device);
         parts_->gpibAddress = (int)c.id;
         attached_ = true;
         where = "GP-IB address " + std::to_string(c.id);
     }
     description_ = "virtual " + model + " on " + kInterfaceNames[c.interface] + " (" + where + ")";
+}
+
+bool VirtualScanner::ScanProgress(long *sent, long *total, long *lineBytes) const
+{
+    if (!parts_->block)
+        return false;
+    parts_->block->FrameProgress(sent, total);
+    *lineBytes = *total > 0 ? static_cast<long>(parts_->block->Line(0).size()) : 0;
+    return true;
 }
 
 VirtualScanner::~VirtualScanner()

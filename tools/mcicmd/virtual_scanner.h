@@ -42,6 +42,10 @@ public:
     // and no virtual scanner is attached.
     bool linked() const { return linked_; }
     const std::string &description() const { return description_; }
+    // Lines (data frames) of the current or last scan of a block-dialect
+    // scanner: sent so far, in all, and the bytes of one line before any
+    // compression. False for scanners that cannot tell.
+    bool ScanProgress(long *sent, long *total, long *lineBytes) const;
 
 private:
     struct Parts;

@@ -511,6 +511,7 @@ WINUSERAPI BOOL WINAPI GetWindowRect(HWND wnd, LPRECT rect);
 WINUSERAPI BOOL WINAPI AdjustWindowRect(LPRECT rect, DWORD style, BOOL menu);
 WINUSERAPI BOOL WINAPI SetWindowTextW(HWND wnd, LPCWSTR text);
 WINUSERAPI int WINAPI GetWindowTextW(HWND wnd, LPWSTR text, int max);
+WINUSERAPI int WINAPI GetClassNameW(HWND wnd, LPWSTR name, int max);
 WINUSERAPI int WINAPI GetWindowTextLengthW(HWND wnd);
 WINUSERAPI LONG WINAPI GetWindowLongW(HWND wnd, int index);
 WINUSERAPI LONG WINAPI SetWindowLongW(HWND wnd, int index, LONG value);
