@@ -60,18 +60,11 @@ bool ParseDeviceLine(const std::string &text, DeviceEntry *entry, std::string *e
         isVirtual = true;
     }
     mcicmd::ScannerChoice choice;
+    // Refuses an interface the model does not have.
     if (!mcicmd::ParseScannerChoice(spec, &choice, error))
         return false;
     if (choice.model == 7) {
         *error = "the driver's settings cannot select the KT-700";
-        return false;
-    }
-    if ((choice.model == 1 || choice.model == 3) && choice.interface == 1) {
-        *error = std::string("the ") + kModelNames[choice.model] + " has no SCSI interface";
-        return false;
-    }
-    if (choice.model == 1 && choice.interface == 3) {
-        *error = "the KS-610 has no GP-IB interface";
         return false;
     }
     entry->modelNumber = choice.model;
