@@ -4,7 +4,7 @@
 # one apt-get line to run and fails.
 set -euo pipefail
 
-packages=(cmake make g++ gcc clang clang-format git googletest libgtest-dev libgmock-dev
+packages=(cmake make g++ gcc clang libclang-rt-dev clang-format git googletest libgtest-dev libgmock-dev
           binutils-mingw-w64 gcc-mingw-w64-i686 g++-mingw-w64-i686
           gcc-mingw-w64-x86-64 g++-mingw-w64-x86-64 python3 python3-pil imagemagick
           libsane-dev sane-utils pkg-config libedit-dev)
