@@ -50,11 +50,12 @@ cleanup() {
 }
 trap cleanup EXIT
 
-# The 32-bit deliverable runs only where Debian's wine32 (i386) is installed.
-if dpkg-query -W -f='${Status}' wine32 2>/dev/null | grep -q "install ok installed"; then
-    echo "wine: wine32 is installed, but only the x86_64 DLL is run by this script; running the x86_64 scenarios"
+# The 32-bit deliverable would run on Debian's wine32, which needs the i386
+# architecture; this script runs the x86_64 DLL only, and says so.
+if ! dpkg --print-foreign-architectures 2>/dev/null | grep -qx i386; then
+    echo "wine: wine32 cannot be installed here (no i386 architecture): the i686 DLL is not run; running the x86_64 scenarios"
 else
-    echo "wine: Debian's wine32 is not installed here (needs the i386 architecture); running the x86_64 scenarios only"
+    echo "wine: the i686 DLL is not run by this script (x86_64 only); running the x86_64 scenarios"
 fi
 
 # A display of our own.
@@ -144,10 +145,10 @@ for name in ("gpib", "serial"):
         print(f"FAIL {name}.bmp is {a.size}, the host's scan {b.size}"); failed += 1; continue
     pa, pb = a.load(), b.load()
     differ = sum(1 for y in range(a.size[1]) for x in range(a.size[0]) if pa[x, y] != pb[x, y])
-    dark = sum(1 for y in range(a.size[1]) for x in range(a.size[0]) if sum(pa[x, y]) < 384)
-    ok = differ == 0 and 0 < dark < a.size[0] * a.size[1]
+    colours = len(a.getcolors(1 << 24))
+    ok = differ == 0 and colours >= 2
     print(f"{'ok  ' if ok else 'FAIL'} {name}.bmp under Wine equals the host's scan pixel by pixel "
-          f"({a.size[0]}x{a.size[1]}, {differ} differ, {dark} dark)")
+          f"({a.size[0]}x{a.size[1]}, {differ} differ, {colours} colours)")
     failed += not ok
 for f in sorted(os.listdir(out)):
     if f.endswith(".bmp") and not f.startswith("host_") and f not in ("gpib.bmp", "serial.bmp"):
