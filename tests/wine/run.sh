@@ -33,7 +33,7 @@ start=$(date +%s)
 cmake --preset win64 >/dev/null
 cmake --build --preset win64 >/dev/null
 cmake --preset host >/dev/null
-cmake --build --preset host --target mcicmd tamrix gpibdll tamrix_pty_scanner >/dev/null
+cmake --build --preset host --target mcicmd tamrix gpibdll tamrix-scanner >/dev/null
 win=$root/build/win64
 host=$root/build/host
 out=$root/build/wine
@@ -65,8 +65,8 @@ Xvfb ":$display" -screen 0 1024x768x24 -nolisten tcp >"$work/xvfb.log" 2>&1 &
 pids+=($!)
 export DISPLAY=":$display"
 
-# The virtual KS-650 on a pty.
-"$host/bin/tamrix_pty_scanner" 5 >"$work/pty" 2>"$work/pty.err" &
+# The virtual KS-650 on a pty, at the line speed the driver sets.
+"$host/bin/tamrix-scanner" --model 5 >"$work/pty" 2>"$work/pty.err" &
 pids+=($!)
 for _ in $(seq 50); do [ -s "$work/pty" ] && break; sleep 0.1; done
 pty=$(head -n1 "$work/pty")
