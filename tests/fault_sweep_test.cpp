@@ -264,6 +264,14 @@ const std::vector<Pending> kPending = {
     {"close during a scan", "ClearCommError", kFailedClose},
     {"close during a scan", "TerminateThread", "close leaves the display thread and its window behind"},
     {"save wait", "*", "a waited save returns before its thread has left the driver, which close then unloads"},
+    {"scan-mode dialog modeless", "WaitForSingleObject", "a failed wait leaves the dialog's thread alive after close"},
+};
+
+// Injectable calls that no scenario reaches any more, with the reason; the
+// coverage test names them instead of failing them.
+const std::map<std::string, const char *> kNotReached = {
+    {"TerminateThread", "close ends the display thread with a quit message; only a failed post would terminate it"},
+    {"GetExitCodeThread", "close joins a cancelled save's thread instead of polling its exit code"},
 };
 
 const Pending *FindPending(const std::string &scenario, const std::string &api)
@@ -1204,8 +1212,8 @@ const std::map<std::string, std::vector<std::string>> &MustReach()
         {"ScanScsi", {}},
         {"ScanModel7", {}},
         {"StopAndClose",
-         {"mciFreeCommandResource", "TerminateThread", "GetExitCodeThread", "CreateFileW", "SetupComm",
-          "GetCommTimeouts", "EscapeCommFunction", "FlushFileBuffers"}},
+         {"mciFreeCommandResource", "CreateFileW", "SetupComm", "GetCommTimeouts", "EscapeCommFunction",
+          "FlushFileBuffers"}},
         {"Save", {"DeleteFileW", "GetDIBits", "SetFilePointer"}},
         {"CopyAndDisplay",
          {"OpenClipboard", "EmptyClipboard", "SetClipboardData", "CloseClipboard", "CreatePalette", "GetClipboardData",
@@ -1314,6 +1322,11 @@ TEST(FaultSweepCoverage, EveryInjectableCallIsSwept)
     std::set<std::string> named;
     for (const auto &[group, apis] : MustReach())
         named.insert(apis.begin(), apis.end());
+    for (const auto &[api, reason] : kNotReached) {
+        std::printf("not reached: %s (%s)\n", api.c_str(), reason);
+        EXPECT_FALSE(named.count(api)) << api << " is swept: take it off the list of calls not reached";
+        named.insert(api);
+    }
     std::vector<std::string> all = InjectableApis();
     EXPECT_EQ(all.size(), 63u);
     for (const std::string &api : all) {

@@ -11,6 +11,7 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <filesystem>
 #include <fstream>
 #include <string>
 
@@ -89,6 +90,17 @@ TEST_F(McicmdTest, MistakesAreRefusedWithWhatToDoInstead)
     EXPECT_EQ(r.status, 1);
     EXPECT_NE(r.err.find("error 306"), std::string::npos) << r.err;
     EXPECT_NE(r.err.find("--install"), std::string::npos) << r.err;
+    // A save without a name, or with one too long to keep, is an error with
+    // its text, and nothing is written under a shortened name.
+    const std::string longName = dir_ / (std::string(139 - dir_.path().size() - 1, 'n'));
+    r = Mcicmd("-k --install \"open scanner alias s wait\" \"scanread s rect 0 0 40 40 wait\" \"save s wait\" "
+               "\"save s " +
+               longName + " wait\" \"close s wait\"");
+    EXPECT_EQ(r.status, 1);
+    EXPECT_NE(r.err.find("error 304: "), std::string::npos) << r.err;
+    EXPECT_NE(r.err.find("error 268: "), std::string::npos) << r.err;
+    EXPECT_EQ(r.err.find("error", r.err.find("error 268") + 1), std::string::npos) << r.err;
+    EXPECT_FALSE(std::filesystem::exists(longName.substr(0, 128)));
     // The modal scan-mode dialog nobody could answer is refused, not waited for.
     r = Mcicmd("--install \"open scanner alias s wait\" \"scanmode s resolution 200 dialog wait\"");
     EXPECT_EQ(r.status, 1);

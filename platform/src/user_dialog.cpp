@@ -415,7 +415,12 @@ extern "C" INT_PTR WINAPI DialogBoxParamW(HINSTANCE instance, LPCWSTR templateNa
     }
     if (disableOwner)
         EnableWindow(owner, TRUE);
+    // What is left for the dialog goes with it; a paint still due (it was
+    // invalidated when shown and ended before it painted) would come back
+    // at every peek, so the dialog is made valid.
     while (PeekMessageW(&msg, dlg, WM_NULL, WM_NULL, PM_REMOVE)) {
+        if (msg.message == WM_PAINT)
+            ValidateRect(dlg, nullptr);
     }
     if (IsWindow(dlg))
         DestroyWindow(dlg);

@@ -648,42 +648,46 @@ private:
         long lastSent = 0, lastTotal = 0;
         Clock::time_point start;
         bool shown = false;
-        std::unique_lock<std::mutex> lock(mutex_);
-        while (!wake_.wait_for(lock, std::chrono::milliseconds(250), [this] { return stop_; })) {
+        // Prints the line when a scan runs, or has just ended after being
+        // shown; false when there is nothing to show.
+        auto show = [&]() {
             long sent = 0, total = 0, lineBytes = 0;
             scanner_->ScanProgress(&sent, &total, &lineBytes);
             if (total != lastTotal || sent < lastSent) { // a new scan
                 lastTotal = total;
                 start = Clock::now();
+                shown = false;
             }
             lastSent = sent;
             if (total <= 0 || (!shown && sent >= total))
-                continue;
+                return;
             double seconds = std::chrono::duration<double>(Clock::now() - start).count();
-            double rate = seconds > 0 ? sent / seconds : 0;
-            long left = rate > 0 ? static_cast<long>((total - sent) / rate) : -1;
+            double rate = seconds >= 0.2 ? sent / seconds : 0; // lines a second, once measurable
             const double bytes = rate * lineBytes;
             char text[160];
-            std::snprintf(text, sizeof text, "\rscan: %ld of %ld lines, %.1f %s, ", sent, total,
-                          bytes >= 1e6   ? bytes / 1e6
-                          : bytes >= 1e3 ? bytes / 1e3
-                                         : bytes,
-                          bytes >= 1e6   ? "MB/s"
-                          : bytes >= 1e3 ? "kB/s"
-                                         : "bytes/s");
+            std::snprintf(text, sizeof text, "\rscan: %ld of %ld lines, ", sent, total);
             std::string line = text;
-            line += left < 0 ? std::string("time left unknown")
-                             : std::to_string(left / 60) + ":" + (left % 60 < 10 ? "0" : "") +
-                                   std::to_string(left % 60) + " left";
+            if (rate > 0) {
+                std::snprintf(text, sizeof text, "%.1f %s, ", bytes >= 1e6 ? bytes / 1e6 : bytes / 1e3,
+                              bytes >= 1e6 ? "MB/s" : "kB/s");
+                const long left = static_cast<long>((total - sent) / rate);
+                line += text + std::to_string(left / 60) + ":" + (left % 60 < 10 ? "0" : "") +
+                        std::to_string(left % 60) + " left";
+            }
             std::fprintf(stderr, "%s\x1b[K", line.c_str());
             shown = true;
             if (sent >= total) {
                 std::fputs("\n", stderr);
                 shown = false;
-                lastTotal = -1; // shown once; wait for the next scan
+                lastTotal = -1; // shown to its end; wait for the next scan
             }
             std::fflush(stderr);
-        }
+        };
+        std::unique_lock<std::mutex> lock(mutex_);
+        while (!wake_.wait_for(lock, std::chrono::milliseconds(250), [this] { return stop_; }))
+            show();
+        if (shown)
+            show(); // the state at the end
         if (shown)
             std::fputs("\n", stderr);
     }
