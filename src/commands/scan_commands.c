@@ -223,6 +223,9 @@ DWORD MciCmdScanMode(MCIDEVICEID deviceId, DWORD flags, LPVOID params)
     result = MciReadResult(&g_modeResult);
     if (result <= 0)
         return 0;
+    /* A dialog that failed before the command returned leaves nothing
+       behind: its thread has only to end. */
+    MciJoinThread(&g_hModeThread);
     g_scanParams = g_savedScanParams;
     return (DWORD)result;
 }

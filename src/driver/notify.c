@@ -343,7 +343,9 @@ void CALLBACK MciNotifyTimerProc(HWND wnd, UINT msg, UINT_PTR timerId, DWORD tim
             g_scanParams = g_savedScanParams;
         Notify(g_modeCallback, modeResult == 0 ? MCI_NOTIFY_SUCCESSFUL : MCI_NOTIFY_FAILURE);
         WriteFlag(&g_modeBusy, 0);
-        ReapThread(&g_hModeThread);
+        /* After its result the dialog's thread only destroys its window
+           (which may send to its owner, taken in while waiting) and ends. */
+        MciJoinThread(&g_hModeThread);
     }
 
     EnterCriticalSection(&g_stateLock);
