@@ -83,21 +83,9 @@ TEST_F(DeviceTest, NotifiedScanArrivesWholeAndIsCommitted)
     EXPECT_TRUE(scanner_->FinalAckSeen());
     EXPECT_EQ(g_imageValid, 1u);
 
-    // The committed image is the scanner's lines, top row first (the DIB is
-    // bottom-up), 1 bit per pixel as sent.
-    const BITMAPINFOHEADER &h = g_imageInfo->bmiHeader;
-    ASSERT_EQ(h.biWidth, 320);
-    ASSERT_EQ(h.biHeight, 120);
-    std::vector<BYTE> row(((320 + 31) / 32) * 4);
-    for (LONG y : {0L, 59L, 119L}) {
-        ASSERT_EQ(
-            GetDIBits(g_imageDC, g_imageBitmap, (UINT)(h.biHeight - 1 - y), 1, row.data(), g_imageInfo, DIB_RGB_COLORS),
-            1);
-        std::vector<uint8_t> sent = scanner_->Line(y);
-        ASSERT_GE(sent.size(), 40u);
-        EXPECT_EQ(std::vector<BYTE>(row.begin(), row.begin() + 40), std::vector<BYTE>(sent.begin(), sent.begin() + 40))
-            << "row " << y;
-    }
+    // (Its pixels are checked by the whole-scan sweep.)
+    EXPECT_EQ(g_imageInfo->bmiHeader.biWidth, 320);
+    EXPECT_EQ(g_imageInfo->bmiHeader.biHeight, 120);
     EXPECT_EQ(g_srcRect.width, 320);
     EXPECT_EQ(g_scanParams.areaX, 64);
 }

@@ -3,7 +3,6 @@
 #include "support/platform_fixture.h"
 
 #include "block_scanner.h"
-#include "gpib_bus.h"
 #include "serial_link.h"
 #include "protocol/protocol.h"
 #include "transport/transport.h"
@@ -65,22 +64,10 @@ protected:
         g_settings = DeviceSettings{static_cast<DWORD>(model), IF_RS232C, kPort, 3};
         ASSERT_NE(PortOpen(kPort, IF_RS232C, 3), INVALID_HANDLE_VALUE);
     }
-    void OpenGpib(int model, int address)
-    {
-        UseVirtualClock();
-        scanner_ = std::make_shared<sim::BlockScanner>(model);
-        sim::ResetGpibBus();
-        sim::AttachGpibDevice(address, sim::MakeGpibByteDevice(scanner_));
-        gpib_ = true;
-        g_settings = DeviceSettings{static_cast<DWORD>(model), IF_GPIB, static_cast<DWORD>(address), 0};
-        ASSERT_NE(PortOpen(static_cast<DWORD>(address), IF_GPIB, 0), INVALID_HANDLE_VALUE);
-    }
     void TearDown() override
     {
         PortClose();
         link_.reset();
-        if (gpib_)
-            sim::ResetGpibBus();
         g_lineStarted = 0;
         PlatformTest::TearDown();
     }
@@ -111,7 +98,6 @@ protected:
     }
     std::shared_ptr<sim::BlockScanner> scanner_;
     std::unique_ptr<sim::SerialLink> link_;
-    bool gpib_ = false;
 };
 
 TEST_F(ProtocolTest, OneScanOnTheWireByteForByte)
@@ -159,20 +145,6 @@ TEST_F(ProtocolTest, OneScanOnTheWireByteForByte)
 
     EXPECT_TRUE(ProtFinish());
     EXPECT_FALSE(ProtFinish());
-}
-
-TEST_F(ProtocolTest, OneScanOverGpib)
-{
-    OpenGpib(2, 7);
-    ASSERT_TRUE(ProtStart());
-    EXPECT_GE(scanner_->EnqCount(), 2); // the start's own ENQ, then the ready check
-    Scan scan = Read(Params(200, 32, 16, 64, 30), 8, 240);
-    EXPECT_EQ(scan.result, 2);
-    EXPECT_TRUE(scan.data == Expected(30, 8));
-    EXPECT_EQ(scanner_->LastWindow().downStart, 25);
-    EXPECT_TRUE(scanner_->FinalAckSeen());
-    EXPECT_TRUE(scanner_->ProtocolErrors().empty());
-    EXPECT_TRUE(ProtFinish());
 }
 
 // The mode's commands and the window; each scan is cut short by an abort.
