@@ -5,8 +5,10 @@
 #include "page.h"
 
 #include <poll.h>
+#include <pty.h>
 #include <signal.h>
 #include <sys/wait.h>
+#include <termios.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -74,6 +76,74 @@ TEST_F(McicmdTest, HelpListsTheCommandsOfTheDriversTable)
     EXPECT_EQ(r.status, 0) << r.err;
     EXPECT_NE(r.out.find("status DEVICE [ITEM] wait|notify"), std::string::npos) << r.out;
     EXPECT_EQ(r.out.find("scanread"), std::string::npos) << r.out;
+}
+
+// On a terminal, input lines can be edited and recalled: a word mended with
+// the arrow keys, then the whole line again from the history.
+TEST_F(McicmdTest, TerminalLinesCanBeEditedAndRecalled)
+{
+    std::string bin = std::string(TAMRIX_BUILD_DIR) + "/bin/mcicmd";
+    int master = -1;
+    PlatBeginExternalWait();
+    pid_t pid = forkpty(&master, nullptr, nullptr, nullptr);
+    if (pid == 0) {
+        execl(bin.c_str(), bin.c_str(), "--windir", dir_.path().c_str(), "--install", static_cast<char *>(nullptr));
+        _exit(127);
+    }
+    ASSERT_GT(pid, 0);
+    std::string text;
+    size_t prompts = 0;
+    // Each line goes once mcicmd asks for it, as a user types.
+    auto send = [&](const std::string &keys) {
+        for (char buf[256];;) {
+            size_t at = 0, seen = 0;
+            while ((at = text.find("mci> ", at)) != std::string::npos)
+                ++seen, at += 5;
+            if (seen > prompts)
+                break;
+            pollfd p{master, POLLIN, 0};
+            if (poll(&p, 1, 30000) <= 0)
+                return false;
+            ssize_t n = read(master, buf, sizeof buf);
+            if (n <= 0)
+                return false;
+            text.append(buf, static_cast<size_t>(n));
+        }
+        ++prompts;
+        // Keys typed before the line editor takes the terminal would meet
+        // the terminal's own line editing instead.
+        termios mode{};
+        for (int i = 0; i < 10000 && tcgetattr(master, &mode) == 0 && (mode.c_lflag & ICANON); ++i)
+            usleep(1000);
+        return write(master, keys.data(), keys.size()) == static_cast<ssize_t>(keys.size());
+    };
+    std::string mend = "info s prodct wait";
+    for (int i = 0; i < 7; ++i)
+        mend += "\x1b[D"; // left arrow, to just after "prod"
+    bool sent = send("open scanner alias s wait\r") && send(mend + "u\r") && send("\x1b[A\r") && // up arrow
+                send("close s wait\r") && send("\x04");
+    for (char buf[256];;) {
+        pollfd p{master, POLLIN, 0};
+        if (poll(&p, 1, 30000) <= 0)
+            break;
+        ssize_t n = read(master, buf, sizeof buf);
+        if (n <= 0)
+            break;
+        text.append(buf, static_cast<size_t>(n));
+    }
+    close(master);
+    int st = 0;
+    waitpid(pid, &st, 0);
+    PlatEndExternalWait();
+    EXPECT_TRUE(sent) << text;
+    EXPECT_TRUE(WIFEXITED(st) && WEXITSTATUS(st) == 0) << st << "\n" << text;
+    EXPECT_EQ(text.find("error"), std::string::npos) << text;
+    // The product's name, answered to the mended line and to its recall.
+    const std::string product = "\xe3\x82\xa4\xe3\x83\xa1\xe3\x83\xbc\xe3\x82\xb8"; // "イメージ"
+    size_t answers = 0;
+    for (size_t at = 0; (at = text.find(product, at)) != std::string::npos; at += product.size())
+        ++answers;
+    EXPECT_EQ(answers, 2u) << text;
 }
 
 // What a user can get wrong is refused with a message that says what to do.
