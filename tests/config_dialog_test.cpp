@@ -300,6 +300,29 @@ TEST_F(ConfigDialogTest, GpibDialogStepsTheAddressWithinItsRange)
     press(WM_RBUTTONDOWN, WM_RBUTTONUP, 0);
     EXPECT_EQ(address(), 5u);
 
+    // Held: a step at once, at 200 ms, then every 50 ms, also when dragged
+    // out; the other button is ignored during the press, and the release
+    // ends the repeat. Shift jumps once to the end.
+    SetDlgItemTextW(sub, IDC_GPIB_ADDRESS, TEXT("3"));
+    SendMessageW(spin, WM_LBUTTONDOWN, MK_LBUTTON, MAKELPARAM(1, 0));
+    Sleep(225);
+    SendMessageW(spin, WM_MOUSEMOVE, MK_LBUTTON, MAKELPARAM(1, r.bottom + 20));
+    press(WM_RBUTTONDOWN, WM_RBUTTONUP, r.bottom - 1);
+    Sleep(50);
+    SendMessageW(spin, WM_LBUTTONUP, 0, MAKELPARAM(1, 0));
+    Sleep(500);
+    EXPECT_EQ(address(), 6u);
+    SendMessageW(spin, WM_LBUTTONDOWN, MK_LBUTTON | MK_SHIFT, MAKELPARAM(1, r.bottom - 1));
+    SendMessageW(spin, WM_LBUTTONUP, 0, MAKELPARAM(1, r.bottom - 1));
+    EXPECT_EQ(address(), 0u);
+
+    // Typed, the field keeps to two digits.
+    HWND edit = GetDlgItem(sub, IDC_GPIB_ADDRESS);
+    SendMessageW(edit, EM_SETSEL, 0, -1);
+    for (WCHAR c : {u'1', u'7', u'9'})
+        SendMessageW(edit, WM_CHAR, c, 0);
+    EXPECT_EQ(address(), 17u);
+
     SetDlgItemTextW(sub, IDC_GPIB_ADDRESS, TEXT("45"));
     Click(sub, IDOK);
     EXPECT_EQ(g_cfgSubDlgWnd, sub) << "an address above 30 keeps the dialog open";

@@ -1,9 +1,8 @@
 // The dialog manager and the standard controls, driven through the dialog
-// templates of the library's resources; and the spin-arrow control on the
-// GP-IB dialog, pressed and held as a user does.
+// templates of the library's resources (the spin-arrow control is pressed
+// and held in the driver's own GP-IB dialog, in the configuration tests).
 #include "support/platform_fixture.h"
 
-#include "config/config.h"
 #include "resources/resource.h"
 
 #include <string>
@@ -71,7 +70,6 @@ protected:
     {
         if (dlg_)
             DestroyWindow(dlg_);
-        UnregisterClassW(TEXT("scanArrow"), module_);
         PlatformTest::TearDown();
     }
     HWND Open(int id)
@@ -100,6 +98,8 @@ TEST_F(DialogTest, ModalDialogEndsByCloseAsCancelAndGivesOwnerBack)
     EXPECT_EQ(LOWORD(g_seen[0].wParam), IDCANCEL);
 
     EXPECT_EQ(DialogBoxParamW(module_, MAKEINTRESOURCEW(1099), owner, ClosingProc, 0), -1) << "no such template";
+    EXPECT_EQ(DialogBoxParamW(module_, MAKEINTRESOURCEW(IDD_GPIB), owner, ClosingProc, 0), -1)
+        << "a control of an unknown class fails the dialog";
     PlatFailCall("DialogBoxParamW", 1, ERROR_NOT_ENOUGH_MEMORY);
     EXPECT_EQ(DialogBoxParamW(module_, MAKEINTRESOURCEW(IDD_SCANMODE), owner, ClosingProc, 0), -1);
     EXPECT_FALSE(EndDialog(owner, 1)) << "not a dialog";
@@ -239,77 +239,6 @@ TEST_F(DialogTest, ScrollBarRangeKeysAndThumbDrag)
     EXPECT_EQ(last, 9);
     EXPECT_EQ(g_seen[g_seen.size() - 2].wParam, (WPARAM)MAKELONG(SB_THUMBPOSITION, 9));
     EXPECT_EQ(LOWORD(g_seen.back().wParam), SB_ENDSCROLL);
-}
-
-// The GP-IB address field beside its spin control, stepped as the GP-IB
-// dialog does: within 0 to 30.
-INT_PTR CALLBACK AddressProc(HWND dlg, UINT msg, WPARAM wParam, LPARAM lParam)
-{
-    if (msg == WM_VSCROLL) {
-        g_seen.push_back({msg, wParam, lParam});
-        int v = (int)GetDlgItemInt(dlg, IDC_GPIB_ADDRESS, nullptr, FALSE);
-        const int step[] = {1, -1, 5, -5, 0, 0, 30, -30, 0};
-        v = std::min(30, std::max(0, v + step[LOWORD(wParam)]));
-        SetDlgItemInt(dlg, IDC_GPIB_ADDRESS, (UINT)v, FALSE);
-        return TRUE;
-    }
-    return FALSE;
-}
-
-TEST_F(DialogTest, SpinArrowStepsTheAddressWhileHeld)
-{
-    EXPECT_EQ(CreateDialogParamW(module_, MAKEINTRESOURCEW(IDD_GPIB), nullptr, AddressProc, 0), nullptr)
-        << "a control of an unknown class fails the dialog";
-    ASSERT_TRUE(CfgRegisterArrowClass(module_));
-    dlg_ = CreateDialogParamW(module_, MAKEINTRESOURCEW(IDD_GPIB), nullptr, AddressProc, 0);
-    ASSERT_NE(dlg_, nullptr);
-    HWND spin = GetDlgItem(dlg_, IDC_GPIB_SPIN);
-    ASSERT_NE(spin, nullptr);
-    SetDlgItemInt(dlg_, IDC_GPIB_ADDRESS, 3, FALSE);
-    RECT rc;
-    GetClientRect(spin, &rc);
-    const int mid = rc.bottom / 2;
-
-    // Hold the upper half 300 ms: at once, at 200 ms, then every 50 ms.
-    const DWORD start = GetTickCount();
-    SendMessageW(spin, WM_LBUTTONDOWN, MK_LBUTTON, MAKELONG(2, mid)); // the middle row is the upper half
-    MSG msg;
-    while (GetTickCount() - start < 300 && GetMessageW(&msg, nullptr, 0, 0) > 0)
-        DispatchMessageW(&msg);
-    SendMessageW(spin, WM_MOUSEMOVE, MK_LBUTTON, MAKELONG(2, rc.bottom + 20)); // dragged out: still repeats
-    while (GetTickCount() - start < 350 && GetMessageW(&msg, nullptr, 0, 0) > 0)
-        DispatchMessageW(&msg);
-    SendMessageW(spin, WM_RBUTTONDOWN, MK_RBUTTON, MAKELONG(2, mid + 2)); // ignored during the press
-    SendMessageW(spin, WM_RBUTTONUP, 0, MAKELONG(2, mid + 2));
-    SendMessageW(spin, WM_LBUTTONUP, 0, MAKELONG(2, mid));
-    ASSERT_EQ(g_seen.size(), 6u);
-    for (size_t i = 0; i < 5; i++)
-        EXPECT_EQ(g_seen[i].wParam, (WPARAM)MAKELONG(SB_LINEUP, IDC_GPIB_SPIN)) << i;
-    EXPECT_EQ(LOWORD(g_seen[5].wParam), SB_ENDSCROLL);
-    EXPECT_EQ(g_seen[0].lParam, (LPARAM)spin);
-    EXPECT_EQ(GetDlgItemInt(dlg_, IDC_GPIB_ADDRESS, nullptr, FALSE), 8u);
-
-    // Right button pages down; Shift-clicks jump once, with no end of scroll.
-    g_seen.clear();
-    SendMessageW(spin, WM_RBUTTONDOWN, MK_RBUTTON, MAKELONG(2, mid + 1));
-    SendMessageW(spin, WM_RBUTTONUP, 0, MAKELONG(2, mid + 1));
-    SendMessageW(spin, WM_LBUTTONDOWN, MK_LBUTTON | MK_SHIFT, MAKELONG(2, 1));
-    SendMessageW(spin, WM_LBUTTONUP, 0, MAKELONG(2, 1));
-    ASSERT_EQ(g_seen.size(), 3u);
-    EXPECT_EQ(LOWORD(g_seen[0].wParam), SB_PAGEDOWN);
-    EXPECT_EQ(LOWORD(g_seen[1].wParam), SB_ENDSCROLL);
-    EXPECT_EQ(LOWORD(g_seen[2].wParam), SB_TOP);
-    EXPECT_EQ(GetDlgItemInt(dlg_, IDC_GPIB_ADDRESS, nullptr, FALSE), 30u) << "clamped by the receiver";
-
-    // The edit field keeps to its limit when typed into.
-    HWND edit = GetDlgItem(dlg_, IDC_GPIB_ADDRESS);
-    SendMessageW(edit, EM_LIMITTEXT, 2, 0);
-    SendMessageW(edit, EM_SETSEL, 0, -1);
-    for (WCHAR c : {u'1', u'7', u'9'})
-        SendMessageW(edit, WM_CHAR, c, 0);
-    EXPECT_EQ(GetDlgItemInt(dlg_, IDC_GPIB_ADDRESS, nullptr, FALSE), 17u);
-    DestroyWindow(dlg_);
-    dlg_ = nullptr;
 }
 
 } // namespace
