@@ -67,8 +67,6 @@ protected:
 TEST_F(DriverStringsTest, DispatcherChecksAndRoutingFromCommandStrings)
 {
     EXPECT_EQ(Send(u"status s ready"), DWORD(MCIERR_MISSING_PARAMETER));
-    EXPECT_EQ(Send(u"status s ready notify wait", wnd_), DWORD(MCIERR_FLAGS_NOT_COMPATIBLE));
-    EXPECT_EQ(Send(u"info s wait"), DWORD(MCIERR_MISSING_PARAMETER));
     EXPECT_EQ(Send(u"info s product wait"), 0u);
     EXPECT_TRUE(std::u16string(ret_) == u"Ｋｏｒｖａｎｅ　イメージスキャナ");
     // The scanner is there: ready before a scan ("open" mode), a scan, then
@@ -87,26 +85,6 @@ TEST_F(DriverStringsTest, DispatcherChecksAndRoutingFromCommandStrings)
     std::string handle = std::to_string(reinterpret_cast<uintptr_t>(wnd_));
     EXPECT_EQ(Send((u"window s handle " + std::u16string(handle.begin(), handle.end()) + u" wait").c_str()), 0u);
     EXPECT_EQ(PlatLiveCount(PLAT_KIND_HOOK), 1);
-    // A keyword the table does not have never reaches the driver.
-    EXPECT_EQ(Send(u"set s time format inch wait"), DWORD(MCIERR_UNRECOGNIZED_COMMAND));
-}
-
-TEST_F(DriverStringsTest, CapabilityWithWaitAndWithNotify)
-{
-    EXPECT_EQ(Send(u"capability s device type wait"), 0u);
-    EXPECT_TRUE(std::u16string(ret_) == u"scanner");
-    EXPECT_EQ(Send(u"capability s can save wait"), 0u);
-    EXPECT_TRUE(std::u16string(ret_) == u"1");
-    EXPECT_EQ(Send(u"capability s has video wait"), 0u);
-    EXPECT_TRUE(std::u16string(ret_) == u"0");
-
-    EXPECT_EQ(Send(u"capability s can save notify", wnd_), 0u);
-    EXPECT_TRUE(Notifications(wnd_) == u"1") << "one MCI_NOTIFY_SUCCESSFUL";
-
-    // A notify to a window that is gone is refused before any handler runs.
-    HWND gone = CreateWindowExW(0, u"DriverStringsTest", u"", 0, 0, 0, 0, 0, nullptr, nullptr, nullptr, nullptr);
-    DestroyWindow(gone);
-    EXPECT_EQ(Send(u"capability s can save notify", gone), DWORD(MCIERR_MISSING_PARAMETER));
 }
 
 // Close during a notified scan stops it through the internal stop: the
