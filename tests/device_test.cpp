@@ -14,7 +14,11 @@
 #include "protocol/protocol.h"
 #include "transport/transport.h"
 
+#include <chrono>
+#include <condition_variable>
 #include <memory>
+#include <mutex>
+#include <thread>
 
 namespace
 {
@@ -146,6 +150,55 @@ TEST_F(DeviceTest, StoppedScanIsAbortedOnTheWireAndHeardAsAborted)
     g_imageValid = 1;
     scanner_->SetFaults({});
     EXPECT_EQ(DevGetMode(), (DWORD)MCI_MODE_STOP);
+}
+
+// A stop that comes as the reader takes the last line finds the scan
+// started, and waits for the scan's result while the scan thread finishes:
+// hiding the application's window (the target while the display is
+// released) sends to this thread, which must take that in while it waits,
+// or the two wait for each other. The interleaving (stop reading the
+// started flag just before the reader cleared it) is forced here; a stop
+// still waiting after a few real seconds is released and reported.
+TEST_F(DeviceTest, StopAtTheScansEndTakesInWhatTheScanSendsMeanwhile)
+{
+    HWND app = MakeWindow();
+    HWND target = MakeWindow();
+    ShowWindow(target, SW_SHOW);
+    g_targetWnd = target;
+    const int dc4Before = scanner_->Dc4Count();
+    ASSERT_EQ(ScanRead(app, {64, 40, 320, 40}), 0u);
+    for (int i = 0; i < 2000 && IsWindowVisible(target); i++)
+        Sleep(5); // the scan thread's hiding of the window waits for this thread
+    ASSERT_FALSE(IsWindowVisible(target));
+    ASSERT_EQ(MciReadResult(&g_scanResult), -1);
+    g_scanStarted = 1;
+
+    std::mutex m;
+    std::condition_variable cv;
+    bool returned = false, stuck = false;
+    std::thread rescue([&] {
+        std::unique_lock<std::mutex> lock(m);
+        if (!cv.wait_for(lock, std::chrono::seconds(5), [&] { return returned; })) {
+            stuck = true;
+            g_abortRequest = 0;
+        }
+    });
+    MCI_GENERIC_PARMS stop{0};
+    const DWORD rc = MciDispatchCommand(g_deviceId, MCI_STOP, MCI_WAIT, &stop);
+    {
+        std::lock_guard<std::mutex> lock(m);
+        returned = true;
+    }
+    cv.notify_one();
+    rescue.join();
+    EXPECT_FALSE(stuck) << "stop and the scan thread waited for each other";
+    EXPECT_EQ(rc, 0u);
+    // Every line had come: the scan is done, not aborted.
+    EXPECT_EQ(TakeNotifications(app), Codes{MCI_NOTIFY_SUCCESSFUL});
+    EXPECT_EQ(g_imageValid, 1u);
+    EXPECT_EQ(scanner_->Dc4Count(), dc4Before);
+    EXPECT_EQ(g_scanBusy + g_abortRequest, 0u);
+    g_targetWnd = nullptr;
 }
 
 } // namespace

@@ -102,16 +102,21 @@ BOOL DevClose(void)
 
 /* The stop side of the handshake: raise the request, wait (spinning on the
    lock, no sleep) until the reader acknowledges at a block boundary or the
-   scan ends by itself, then abort and finish on the line. */
+   scan ends by itself, then abort and finish on the line. A scan that ends
+   by itself may send to a window of this thread on its way (the
+   application's window it shows the image in): that is taken in while
+   spinning, else each thread would wait for the other. */
 static BOOL DevAbortScan(void)
 {
     LONG result;
+    MSG msg;
 
     EnterCriticalSection(&g_stateLock);
     result = g_scanResult;
     g_abortRequest = 1;
     while (result < 0) {
         LeaveCriticalSection(&g_stateLock);
+        PeekMessageW(&msg, NULL, 0, 0, PM_NOREMOVE);
         EnterCriticalSection(&g_stateLock);
         result = g_scanResult;
         if (g_abortRequest != 1)
