@@ -78,6 +78,15 @@ std::string Cmd(char letter, char arg)
     return std::string{'\x1b', letter, arg};
 }
 
+// "D7 H1" -> {Cmd('D', '7'), Cmd('H', '1')}.
+std::vector<std::string> Cmds(const std::string &pairs)
+{
+    std::vector<std::string> out;
+    for (size_t i = 0; i + 1 < pairs.size(); i += 3)
+        out.push_back(Cmd(pairs[i], pairs[i + 1]));
+    return out;
+}
+
 TEST_F(PolledTest, ParametersBecomeTheScannersCommands)
 {
     ASSERT_TRUE(Start());
@@ -89,21 +98,14 @@ TEST_F(PolledTest, ParametersBecomeTheScannersCommands)
     p.gamma = 3;
     auto sent = SendParams(p, &ok);
     EXPECT_TRUE(ok);
-    const std::vector<std::string> want{Cmd('D', '7'),
-                                        Cmd('H', '1'),
-                                        std::string("\x1bP\0", 3),
-                                        Cmd('h', '7'),
-                                        Cmd('U', '1'),
-                                        Cmd('O', '0'),
-                                        Cmd('N', '0'),
-                                        Cmd('m', '3'),
-                                        Cmd('M', '1'),
-                                        std::string("\x1bX\0\0\xF0\0\x01\xE0", 8),
-                                        std::string("\x1bY\0\0\x18\0\0\x48", 8),
-                                        Cmd('K', '3'),
-                                        Cmd('K', '4'),
-                                        Cmd('K', '1'),
-                                        Cmd('J', '1')};
+    std::vector<std::string> want = Cmds("D7 H1");
+    want.push_back(std::string("\x1bP\0", 3));
+    for (const std::string &c : Cmds("h7 U1 O0 N0 m3 M1"))
+        want.push_back(c);
+    want.push_back(std::string("\x1bX\0\0\xF0\0\x01\xE0", 8));
+    want.push_back(std::string("\x1bY\0\0\x18\0\0\x48", 8));
+    for (const std::string &c : Cmds("K3 K4 K1 J1"))
+        want.push_back(c);
     EXPECT_EQ(sent, want);
 
     // Contrast codes, halftone patterns, and a resolution without a code.
@@ -112,10 +114,10 @@ TEST_F(PolledTest, ParametersBecomeTheScannersCommands)
         std::vector<std::string> head; // the messages before "\eh"
     };
     const Row rows[] = {
-        {100, 9, 16, 3, {Cmd('D', '7'), Cmd('H', '7'), Cmd('L', '3'), Cmd('P', '6')}},
-        {640, 1, 8, 16, {Cmd('D', 'C'), Cmd('P', '1')}},
-        {90, 3, 16, 32, {Cmd('D', '1'), Cmd('H', '9'), Cmd('P', '2')}},
-        {200, 6, 16, 16, {Cmd('D', '5'), Cmd('H', '8'), Cmd('P', '4')}},
+        {100, 9, 16, 3, Cmds("D7 H7 L3 P6")},
+        {640, 1, 8, 16, Cmds("DC P1")},
+        {90, 3, 16, 32, Cmds("D1 H9 P2")},
+        {200, 6, 16, 16, Cmds("D5 H8 P4")},
     };
     for (const Row &row : rows) {
         p = Params(row.resolution, 0, 0, 100, 100);

@@ -115,31 +115,12 @@ TEST_F(ProtocolTest, OneScanOnTheWireByteForByte)
     EXPECT_TRUE(scan.data == Expected(1000, 100));
     EXPECT_TRUE(scanner_->FinalAckSeen());
 
-    std::vector<std::string> expected = {Esc("I"),
-                                         Esc("@3"),
-                                         Esc("L"),
-                                         Esc("J1"),
-                                         Esc("T3"),
-                                         Esc("M1"),
-                                         Esc("K2"),
-                                         Esc("K3"),
-                                         Esc("f3"),
-                                         Esc("e3"),
-                                         Esc("C5"),
-                                         Esc("O1"),
-                                         Esc("U1"),
-                                         Esc("c1"),
-                                         Esc("h5"),
-                                         Esc("S5"),
-                                         Esc("D1"),
-                                         Esc("H1"),
-                                         Esc("m1"),
-                                         Esc("B1"),
-                                         Esc("g5"),
-                                         Esc("s5"),
-                                         Esc("r02000200"),
-                                         Window('X', 51, 1280),
-                                         Window('Y', 0, 1600)};
+    std::vector<std::string> expected;
+    for (const char *c : {"I",  "@3", "L",  "J1", "T3", "M1", "K2", "K3", "f3", "e3", "C5",       "O1",
+                          "U1", "c1", "h5", "S5", "D1", "H1", "m1", "B1", "g5", "s5", "r02000200"})
+        expected.push_back(Esc(c));
+    expected.push_back(Window('X', 51, 1280));
+    expected.push_back(Window('Y', 0, 1600));
     EXPECT_EQ(scanner_->Commands(), expected);
     EXPECT_TRUE(scanner_->ProtocolErrors().empty());
 
