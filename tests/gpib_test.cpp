@@ -3,11 +3,11 @@
 #include "support/platform_fixture.h"
 
 #include "gpib_bus.h"
+#include "support/scripted_device.h"
 #include "transport/transport.h"
 
 #include <cstdlib>
-#include <deque>
-#include <mutex>
+#include <atomic>
 #include <string>
 
 namespace
@@ -15,73 +15,38 @@ namespace
 
 using Bytes = std::vector<uint8_t>;
 
+// The scripted device on the bus, asserting SRQ with a status byte when told.
 class Device : public sim::GpibDevice
 {
 public:
-    void Say(const Bytes &bytes)
-    {
-        {
-            std::lock_guard<std::mutex> lock(m_);
-            talk_.insert(talk_.end(), bytes.begin(), bytes.end());
-        }
-        sim::NotifyGpibBus();
-    }
+    void Say(const Bytes &bytes) { bytes_->Announce(bytes); }
     void RaiseSrq(uint8_t status)
     {
-        {
-            std::lock_guard<std::mutex> lock(m_);
-            srq_ = true;
-            status_ = status;
-        }
+        status_ = status;
+        srq_ = true;
         sim::NotifyGpibBus();
     }
-    Bytes Heard()
+    Bytes Heard() const
     {
-        std::lock_guard<std::mutex> lock(m_);
-        return heard_;
+        std::string heard = bytes_->received();
+        return Bytes(heard.begin(), heard.end());
     }
-    void Listen(const uint8_t *data, size_t size) override
-    {
-        std::lock_guard<std::mutex> lock(m_);
-        heard_.insert(heard_.end(), data, data + size);
-    }
-    size_t Talk(uint8_t *out, size_t max, bool *end) override
-    {
-        std::lock_guard<std::mutex> lock(m_);
-        size_t n = std::min(max, talk_.size());
-        std::copy_n(talk_.begin(), n, out);
-        talk_.erase(talk_.begin(), talk_.begin() + static_cast<long>(n));
-        *end = n > 0 && talk_.empty();
-        return n;
-    }
-    size_t Ready() const override
-    {
-        std::lock_guard<std::mutex> lock(m_);
-        return talk_.size();
-    }
-    bool ServiceRequest() const override
-    {
-        std::lock_guard<std::mutex> lock(m_);
-        return srq_;
-    }
-    void DeviceClear() override
-    {
-        std::lock_guard<std::mutex> lock(m_);
-        talk_.clear();
-    }
+    void Listen(const uint8_t *data, size_t size) override { bus_->Listen(data, size); }
+    size_t Talk(uint8_t *out, size_t max, bool *end) override { return bus_->Talk(out, max, end); }
+    size_t Ready() const override { return bus_->Ready(); }
+    bool ServiceRequest() const override { return srq_; }
+    void DeviceClear() override { bus_->DeviceClear(); }
     uint8_t SerialPoll() override
     {
-        std::lock_guard<std::mutex> lock(m_);
         srq_ = false;
         return status_;
     }
 
 private:
-    mutable std::mutex m_;
-    Bytes heard_;
-    std::deque<uint8_t> talk_;
-    bool srq_ = false;
-    uint8_t status_ = 0;
+    std::shared_ptr<tamrix_test::ScriptedDevice> bytes_ = std::make_shared<tamrix_test::ScriptedDevice>();
+    std::shared_ptr<sim::GpibDevice> bus_ = sim::MakeGpibByteDevice(bytes_);
+    std::atomic<bool> srq_{false};
+    std::atomic<uint8_t> status_{0};
 };
 
 class GpibTest : public PlatformTest
