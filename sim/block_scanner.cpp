@@ -73,7 +73,7 @@ std::string Printable(const std::string &cmd)
         else if (c >= 0x20 && c < 0x7F)
             text += static_cast<char>(c);
         else
-            text += "<" + std::to_string(c) + ">";
+            text.append(1, '<').append(std::to_string(c)).append(1, '>');
     }
     return text;
 }
@@ -484,7 +484,12 @@ void BlockScanner::Queue(const std::vector<uint8_t> &bytes)
 void BlockScanner::QueueFrame(uint8_t type, const std::vector<uint8_t> &payload, uint8_t trailer)
 {
     size_t length = payload.size() + 1;
-    std::vector<uint8_t> frame{kStx, static_cast<uint8_t>(length >> 8), static_cast<uint8_t>(length & 0xFF), type};
+    std::vector<uint8_t> frame;
+    frame.reserve(payload.size() + 5);
+    frame.push_back(kStx);
+    frame.push_back(static_cast<uint8_t>(length >> 8));
+    frame.push_back(static_cast<uint8_t>(length & 0xFF));
+    frame.push_back(type);
     frame.insert(frame.end(), payload.begin(), payload.end());
     frame.push_back(trailer);
     Queue(frame);

@@ -102,7 +102,7 @@ IniFile Load(const std::string &path)
         text.erase(0, 3);
     }
     if (text.find("\r\n") == std::string::npos && text.find('\n') != std::string::npos)
-        ini.eol = "\n";
+        ini.eol = std::string(1, '\n');
     size_t start = 0;
     while (start < text.size()) {
         size_t nl = text.find('\n', start);
@@ -352,7 +352,7 @@ BOOL WriteString(LPCWSTR app, LPCWSTR key, LPCWSTR value, LPCWSTR file)
     if (!haveSection) {
         if (!ini.lines.empty() && !Trim(ini.lines.back()).empty())
             ini.lines.push_back(std::string());
-        ini.lines.push_back("[" + Trim(section) + "]");
+        ini.lines.push_back(std::string(1, '[').append(Trim(section)).append(1, ']'));
         ini.lines.push_back(line);
         return Save(path, ini) ? TRUE : FALSE;
     }
