@@ -59,14 +59,22 @@ struct Waiter {
     ThreadState *thread;
     const std::function<bool()> *ready;
     uint64_t deadline; // UINT64_MAX: none
+    const void *key;   // what wakes it besides WakeAll (see Wait)
+    std::condition_variable cv;
+    Waiter(ThreadState *t, const std::function<bool()> *r, uint64_t d, const void *k)
+        : thread(t), ready(r), deadline(d), key(k)
+    {
+    }
 };
 
 using RealClock = std::chrono::steady_clock;
 
 struct World {
     std::mutex mutex;
-    std::condition_variable cv;
+    // Changed under both `mutex` and `listMutex`; walked under either, so
+    // that WakeAll can run without the world lock.
     std::list<Waiter> waiters;
+    std::mutex listMutex;
     int externalWaits = 0;
     // Registered threads (running or blocked).
     std::atomic<int> registered{0};
@@ -132,10 +140,21 @@ bool Runnable(const Waiter &w, uint64_t now)
     return (w.thread->terminateRequested.load() && !w.thread->ending) || w.deadline <= now || (*w.ready)();
 }
 
+// Wakes the waiters `wakes` picks.
+template <class Pick> void NotifyWaiters(Pick wakes)
+{
+    World &w = W();
+    w.lastActivityMs.store(RealMs());
+    std::lock_guard<std::mutex> guard(w.listMutex);
+    for (Waiter &waiter : w.waiters) {
+        if (wakes(waiter))
+            waiter.cv.notify_one();
+    }
+}
+
 void NotifyLocked()
 {
-    W().lastActivityMs.store(RealMs());
-    W().cv.notify_all();
+    NotifyWaiters([](const Waiter &) { return true; });
 }
 
 // Under the virtual clock and the world lock: when no registered thread is
@@ -272,8 +291,13 @@ std::mutex &WorldMutex()
 
 void WakeAll()
 {
-    W().lastActivityMs.store(RealMs());
-    W().cv.notify_all();
+    NotifyLocked();
+}
+
+void WakeObject(const void *key, bool handleObject)
+{
+    NotifyWaiters(
+        [key, handleObject](const Waiter &w) { return w.key == key || (handleObject && w.key == kAnyHandle); });
 }
 
 uint64_t Now64()
@@ -291,6 +315,11 @@ DWORD Now()
 
 bool Wait(Lock &lock, DWORD timeoutMs, const std::function<bool()> &ready)
 {
+    return Wait(lock, timeoutMs, ready, nullptr);
+}
+
+bool Wait(Lock &lock, DWORD timeoutMs, const std::function<bool()> &ready, const void *key)
+{
     World &w = W();
     ThreadState &me = CurrentThread();
     auto terminating = [&me] { return me.terminateRequested.load() && !me.ending; };
@@ -303,7 +332,11 @@ bool Wait(Lock &lock, DWORD timeoutMs, const std::function<bool()> &ready)
     if (timeoutMs == 0)
         return false;
     uint64_t deadline = timeoutMs == INFINITE ? std::numeric_limits<uint64_t>::max() : Now64() + timeoutMs;
-    auto self = w.waiters.insert(w.waiters.end(), Waiter{&me, &ready, deadline});
+    std::list<Waiter>::iterator self;
+    {
+        std::lock_guard<std::mutex> guard(w.listMutex);
+        self = w.waiters.emplace(w.waiters.end(), &me, &ready, deadline, key);
+    }
     int64_t blockedSince = RealMs();
     uint64_t clockSeen = Now64();
     bool result = false;
@@ -324,7 +357,7 @@ bool Wait(Lock &lock, DWORD timeoutMs, const std::function<bool()> &ready)
             MaybeAdvanceLocked();
             if (Now64() != now)
                 continue;
-            w.cv.wait_for(lock, kVirtualSlice);
+            self->cv.wait_for(lock, kVirtualSlice);
             // Safety net: some registered thread is blocked outside the
             // platform; let timed waits complete after a second of silence.
             int64_t real = RealMs();
@@ -337,12 +370,15 @@ bool Wait(Lock &lock, DWORD timeoutMs, const std::function<bool()> &ready)
                 blockedSince = real;
             }
         } else if (deadline == std::numeric_limits<uint64_t>::max()) {
-            w.cv.wait(lock);
+            self->cv.wait(lock);
         } else {
-            w.cv.wait_for(lock, std::chrono::milliseconds(deadline - now));
+            self->cv.wait_for(lock, std::chrono::milliseconds(deadline - now));
         }
     }
-    w.waiters.erase(self);
+    {
+        std::lock_guard<std::mutex> guard(w.listMutex);
+        w.waiters.erase(self);
+    }
     if (terminate) {
         lock.unlock();
         EndCurrentThread();

@@ -111,6 +111,14 @@ inline Lock LockWorld()
 // Wakes every waiter so it re-checks its condition. Call with or without the
 // world lock held, after changing state under it.
 void WakeAll();
+// Wakes only the waiters keyed to `key`: for state that only they look at,
+// such as a critical section's owner or an event's signal. With
+// `handleObject` (a waitable object behind a handle) the waits on several
+// handles (key kAnyHandle) are woken too. Same locking as WakeAll.
+void WakeObject(const void *key, bool handleObject);
+// Key of the waits on several handles at once.
+inline const char kAnyHandleTag = 0;
+inline const void *const kAnyHandle = &kAnyHandleTag;
 
 // Current tick count in ms (real or virtual) without side effects. Use this,
 // not GetTickCount, inside the platform: GetTickCount takes the world lock.
@@ -123,6 +131,10 @@ uint64_t Now64();
 // lock. Returns true when ready, false on time-out. Ends the calling thread
 // if TerminateThread has been called on it.
 bool Wait(Lock &lock, DWORD timeoutMs, const std::function<bool()> &ready);
+// The same, for a condition that changes only where WakeObject(key) (or
+// WakeAll) follows: other wake-ups pass this waiter by. A null key waits for
+// WakeAll only.
+bool Wait(Lock &lock, DWORD timeoutMs, const std::function<bool()> &ready, const void *key);
 
 // ---- Threads -------------------------------------------------------------
 struct MessageQueue; // USER32's per-thread queue (user32 owns the type)

@@ -111,7 +111,8 @@ void WINAPI EnterCriticalSection(LPCRITICAL_SECTION cs)
     plat::Lock lock = plat::LockWorld();
     NoteEntry(lock, cs);
     CsImpl *impl = Impl(cs);
-    plat::Wait(lock, INFINITE, [impl, me] { return impl->owner == 0 || impl->owner == me; });
+    plat::Wait(
+        lock, INFINITE, [impl, me] { return impl->owner == 0 || impl->owner == me; }, impl);
     impl->owner = me;
     ++impl->recursion;
     Publish(cs, *impl);
@@ -141,7 +142,7 @@ void WINAPI LeaveCriticalSection(LPCRITICAL_SECTION cs)
         return;
     if (--impl->recursion == 0) {
         impl->owner = 0;
-        plat::WakeAll();
+        plat::WakeObject(impl, false);
     }
     Publish(cs, *impl);
     t_lastLeft = cs;
@@ -166,7 +167,7 @@ static BOOL SetEventState(HANDLE handle, bool on)
     plat::Lock lock = plat::LockWorld();
     event->Set(on);
     if (on)
-        plat::WakeAll();
+        plat::WakeObject(event.get(), true);
     return TRUE;
 }
 
@@ -190,7 +191,8 @@ DWORD WINAPI WaitForSingleObject(HANDLE handle, DWORD milliseconds)
     if (!obj)
         return WAIT_FAILED;
     plat::Lock lock = plat::LockWorld();
-    if (!plat::Wait(lock, milliseconds, [&obj] { return obj->Signalled(); }))
+    if (!plat::Wait(
+            lock, milliseconds, [&obj] { return obj->Signalled(); }, obj.get()))
         return WAIT_TIMEOUT;
     obj->Acquire();
     return WAIT_OBJECT_0;
@@ -224,7 +226,7 @@ DWORD WINAPI WaitForMultipleObjects(DWORD count, const HANDLE *handles, BOOL wai
         }
         return false;
     };
-    if (!plat::Wait(lock, milliseconds, ready))
+    if (!plat::Wait(lock, milliseconds, ready, plat::kAnyHandle))
         return WAIT_TIMEOUT;
     if (waitAll) {
         for (const auto &obj : objects)

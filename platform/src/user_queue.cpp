@@ -560,7 +560,7 @@ extern "C" DWORD WINAPI MsgWaitForMultipleObjects(DWORD count, const HANDLE *han
             return WAIT_TIMEOUT;
         uint64_t wake = std::min(deadline, wakeMask != 0 ? NextTimerDue(*q, kAnything) : UINT64_MAX);
         ts.wakeOnSentMessage = wakeMask != 0;
-        Wait(lock, TimeoutUntil(wake), ready);
+        Wait(lock, TimeoutUntil(wake), ready, kAnyHandle);
         ts.wakeOnSentMessage = false;
     }
 }
