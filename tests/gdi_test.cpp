@@ -141,6 +141,16 @@ TEST_F(GdiTest, FillsAndClipping)
     ASSERT_TRUE(BitBlt(mono, 0, 0, 40, 2, nullptr, 0, 0, BLACKNESS));
     ASSERT_TRUE(BitBlt(mono, 0, 0, 40, 2, nullptr, 0, 0, WHITENESS));
     EXPECT_EQ(GetPixel(mono, 39, 1), kWhite); // white, whatever its index
+    // Fills that start and end inside a byte leave the pixels beside them.
+    ASSERT_TRUE(BitBlt(mono, 3, 0, 34, 1, nullptr, 0, 0, BLACKNESS));
+    HDC nibbles = Dib(Info(9, 1, 4, {kBlack, kWhite}));
+    ASSERT_TRUE(BitBlt(nibbles, 1, 0, 7, 1, nullptr, 0, 0, WHITENESS));
+    for (int x : {2, 3, 36, 37}) {
+        EXPECT_EQ(GetPixel(mono, x, 0), x == 2 || x == 37 ? kWhite : kBlack) << x;
+        EXPECT_EQ(GetPixel(mono, x, 1), kWhite) << x;
+    }
+    for (int x = 0; x < 9; ++x)
+        EXPECT_EQ(GetPixel(nibbles, x, 0), x == 0 || x == 8 ? kBlack : kWhite) << x;
     void *bits = nullptr;
     HDC dst = Dib(Info(3, 1, 24), &bits);
     HDC src = Dib(Info(3, 1, 24));
@@ -179,6 +189,25 @@ TEST_F(GdiTest, StretchBltScalesMirrorsAndKeepsLoneBlackPixels)
     EXPECT_EQ(GetStretchBltMode(small), BLACKONWHITE);
     ASSERT_TRUE(StretchBlt(small, 0, 0, 2, 1, line, 0, 0, 8, 1, SRCCOPY));
     EXPECT_EQ(GetPixel(small, 0, 0), kBlack);
+    // Colour and indexed pixels merge by their colours (red AND blue is
+    // black, whatever their indices) over every source row a destination row
+    // takes; COLORONCOLOR samples one pixel of each block.
+    for (int bpp : {24, 8}) {
+        const std::vector<COLORREF> table = {kWhite, kBlack, kRed, kBlue};
+        HDC colour = Dib(Info(8, 2, bpp, table));
+        ASSERT_TRUE(BitBlt(colour, 0, 0, 8, 2, nullptr, 0, 0, WHITENESS));
+        SetPixel(colour, 2, 0, kRed);
+        SetPixel(colour, 1, 1, kBlue);
+        SetPixel(colour, 6, 1, kRed);
+        HDC smallColour = Dib(Info(2, 1, bpp, table));
+        ASSERT_TRUE(StretchBlt(smallColour, 0, 0, 2, 1, colour, 0, 0, 8, 2, SRCCOPY));
+        EXPECT_EQ(GetPixel(smallColour, 0, 0), kBlack) << bpp;
+        EXPECT_EQ(GetPixel(smallColour, 1, 0), kRed) << bpp;
+        SetStretchBltMode(smallColour, COLORONCOLOR);
+        ASSERT_TRUE(StretchBlt(smallColour, 0, 0, 2, 1, colour, 0, 0, 8, 2, SRCCOPY));
+        EXPECT_EQ(GetPixel(smallColour, 0, 0), kWhite) << bpp;
+        EXPECT_EQ(GetPixel(smallColour, 1, 0), kRed) << bpp;
+    }
 }
 
 TEST_F(GdiTest, GetDIBitsWritesSizeAndColourTableBackIntoTheCallersHeader)

@@ -22,6 +22,16 @@ namespace plat::gdi
 
 std::mutex &GdiMutex();
 
+// Pixel memory. Large stores come straight from the OS as fresh pages, which
+// are zeroed already and cost nothing until touched; small ones from the heap.
+struct BitsDeleter {
+    size_t mapped = 0; // bytes mapped from the OS, 0 for heap memory
+    void operator()(uint8_t *p) const;
+};
+using OwnedBits = std::unique_ptr<uint8_t, BitsDeleter>;
+// `size` bytes (at least one), zeroed; throws std::bad_alloc when out of memory.
+OwnedBits AllocateBits(size_t size);
+
 // Pixels in DIB layout: rows of `stride` bytes (a multiple of 4), bottom-up
 // unless `topDown`. Pixel values ("raw" values) are the colour-table index for
 // 1, 4 and 8 bpp and a COLORREF (0x00BBGGRR) for 24 and 32 bpp.
@@ -36,7 +46,7 @@ struct Pixels {
     bool monoDdb = false;
     std::vector<RGBQUAD> table;
     uint8_t *bits = nullptr;
-    std::unique_ptr<uint8_t[]> owned;
+    OwnedBits owned;
 
     static int StrideFor(int width, int bpp) { return ((width * bpp + 31) / 32) * 4; }
     // Allocates zeroed memory for width x height at bpp.
@@ -45,6 +55,8 @@ struct Pixels {
     // x, y in top-down coordinates, inside the bitmap.
     uint32_t Get(int x, int y) const;
     void Set(int x, int y, uint32_t raw);
+    // Sets pixels x0..x1-1 of row y (top-down, inside the bitmap) to `raw`.
+    void FillRow(int y, int x0, int x1, uint32_t raw);
     bool Indexed() const { return bpp <= 8; }
     uint32_t Mask() const { return bpp >= 24 ? 0xFFFFFFu : (1u << bpp) - 1; }
     COLORREF ToColor(uint32_t raw) const;
@@ -158,6 +170,9 @@ constexpr int kScreenHeight = 768;
 bool ReadWindowSurface(HWND wnd, int *width, int *height, std::vector<uint8_t> *bgr);
 // Forgets a window's surface (for a destroyed window).
 void DropWindowSurface(HWND wnd);
+
+// Whether pixels of `src` copy unchanged into `dst` (same depth and colours).
+bool IdentityConversion(const Pixels &src, const Pixels &dst);
 
 // Converts source pixels to destination pixel values: through the colour
 // tables, or by the text/background colour rules of monochrome bitmaps.

@@ -2,8 +2,12 @@
 // StretchBlt, PatBlt, GetPixel, SetPixel) of the host GDI.
 #include "gdi.h"
 
+#include <sys/mman.h>
+
 #include <algorithm>
+#include <cstdlib>
 #include <cstring>
+#include <new>
 
 namespace plat::gdi
 {
@@ -28,6 +32,37 @@ RGBQUAD ColorToQuad(COLORREF c)
     return q;
 }
 
+namespace
+{
+// From this size on, pixel memory is mapped from the OS.
+constexpr size_t kMapFrom = 256 * 1024;
+} // namespace
+
+void BitsDeleter::operator()(uint8_t *p) const
+{
+    if (mapped)
+        munmap(p, mapped);
+    else
+        std::free(p);
+}
+
+OwnedBits AllocateBits(size_t size)
+{
+    if (size >= kMapFrom) {
+        void *p = mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+        if (p == MAP_FAILED)
+            throw std::bad_alloc();
+        // A page image: large pages, where the system has them, take one
+        // fault per 2 MB instead of one per 4 KB when the rows are filled.
+        madvise(p, size, MADV_HUGEPAGE);
+        return OwnedBits(static_cast<uint8_t *>(p), BitsDeleter{size});
+    }
+    void *p = std::calloc(size ? size : 1, 1);
+    if (!p)
+        throw std::bad_alloc();
+    return OwnedBits(static_cast<uint8_t *>(p), BitsDeleter{});
+}
+
 void Pixels::Allocate(int w, int h, int bitsPerPixel, bool isTopDown)
 {
     width = w;
@@ -35,9 +70,65 @@ void Pixels::Allocate(int w, int h, int bitsPerPixel, bool isTopDown)
     bpp = bitsPerPixel;
     topDown = isTopDown;
     stride = StrideFor(w, bitsPerPixel);
-    size_t size = static_cast<size_t>(stride) * static_cast<size_t>(h);
-    owned.reset(new uint8_t[size ? size : 1]());
+    owned = AllocateBits(static_cast<size_t>(stride) * static_cast<size_t>(h));
     bits = owned.get();
+}
+
+void Pixels::FillRow(int y, int x0, int x1, uint32_t raw)
+{
+    if (x0 >= x1)
+        return;
+    uint8_t *row = Row(y);
+    switch (bpp) {
+    case 1:
+    case 4: {
+        // The pixels of partly covered bytes one by one, whole bytes at once.
+        int perByte = 8 / bpp;
+        int a = x0, b = x1;
+        while (a < b && a % perByte)
+            Set(a++, y, raw);
+        while (b > a && b % perByte)
+            Set(--b, y, raw);
+        uint8_t fill = static_cast<uint8_t>(bpp == 1 ? ((raw & 1u) ? 0xFF : 0x00) : (raw & 0x0Fu) * 0x11u);
+        if (a < b)
+            std::memset(row + a / perByte, fill, static_cast<size_t>((b - a) / perByte));
+        break;
+    }
+    case 8:
+        std::memset(row + x0, static_cast<int>(raw & 0xFFu), static_cast<size_t>(x1 - x0));
+        break;
+    case 24: {
+        uint8_t blue = GetBValue(raw), green = GetGValue(raw), red = GetRValue(raw);
+        uint8_t *p = row + 3 * static_cast<size_t>(x0);
+        if (blue == green && green == red) {
+            std::memset(p, blue, 3 * static_cast<size_t>(x1 - x0));
+            break;
+        }
+        for (int x = x0; x < x1; ++x, p += 3) {
+            p[0] = blue;
+            p[1] = green;
+            p[2] = red;
+        }
+        break;
+    }
+    default:
+        for (int x = x0; x < x1; ++x)
+            Set(x, y, raw);
+        break;
+    }
+}
+
+bool IdentityConversion(const Pixels &src, const Pixels &dst)
+{
+    if (src.bpp != dst.bpp || src.monoDdb != dst.monoDdb)
+        return false;
+    if (!src.Indexed() || src.monoDdb)
+        return true;
+    for (size_t i = 0; i < src.table.size(); ++i) {
+        if (i >= dst.table.size() || QuadToColor(src.table[i]) != QuadToColor(dst.table[i]))
+            return false;
+    }
+    return true;
 }
 
 uint32_t Pixels::Get(int x, int y) const
@@ -135,8 +226,7 @@ void FillSolid(Pixels &px, int left, int top, int right, int bottom, COLORREF co
     bottom = std::min(bottom, px.height);
     uint32_t raw = px.FromColor(color);
     for (int y = top; y < bottom; ++y)
-        for (int x = left; x < right; ++x)
-            px.Set(x, y, raw);
+        px.FillRow(y, left, right, raw);
 }
 
 namespace
@@ -161,6 +251,55 @@ void MakeExtentPositive(int &origin, int &extent, bool &flip)
         origin += extent;
         extent = -extent;
         flip = !flip;
+    }
+}
+
+// Merges the colours of source rows y0..y1-1 column by column over columns
+// x0..x1-1 (all inside `src`): out[x - x0] is the AND (`andScans`) or the OR
+// of the column's colours. Whole rows are merged first as bytes where the
+// pixels are colours; indexed pixels go through their colours one by one.
+void MergeRows(const Pixels &src, const Converter &conv, int x0, int x1, int y0, int y1, bool andScans,
+               std::vector<COLORREF> &out, std::vector<uint8_t> &bytes)
+{
+    size_t n = static_cast<size_t>(x1 - x0);
+    out.assign(n, andScans ? 0xFFFFFFu : 0u);
+    if (src.bpp == 24 || src.bpp == 32) {
+        size_t pixel = static_cast<size_t>(src.bpp / 8), len = pixel * n;
+        bytes.resize(len);
+        std::memcpy(bytes.data(), src.Row(y0) + pixel * x0, len);
+        for (int y = y0 + 1; y < y1; ++y) {
+            const uint8_t *row = src.Row(y) + pixel * x0;
+            uint8_t *acc = bytes.data();
+            size_t i = 0;
+            for (; i + 8 <= len; i += 8) {
+                uint64_t a, b;
+                std::memcpy(&a, acc + i, 8);
+                std::memcpy(&b, row + i, 8);
+                a = andScans ? (a & b) : (a | b);
+                std::memcpy(acc + i, &a, 8);
+            }
+            for (; i < len; ++i)
+                acc[i] = andScans ? (acc[i] & row[i]) : (acc[i] | row[i]);
+        }
+        const uint8_t *p = bytes.data();
+        for (size_t x = 0; x < n; ++x, p += pixel)
+            out[x] = RGB(p[2], p[1], p[0]);
+        return;
+    }
+    COLORREF lut[256];
+    for (uint32_t i = 0; i < (1u << src.bpp); ++i)
+        lut[i] = conv.SourceColor(i);
+    for (int y = y0; y < y1; ++y) {
+        if (src.bpp == 8) {
+            const uint8_t *row = src.Row(y) + x0;
+            for (size_t x = 0; x < n; ++x)
+                out[x] = andScans ? (out[x] & lut[row[x]]) : (out[x] | lut[row[x]]);
+            continue;
+        }
+        for (int x = x0; x < x1; ++x) {
+            COLORREF c = lut[src.Get(x, y)];
+            out[x - x0] = andScans ? (out[x - x0] & c) : (out[x - x0] | c);
+        }
     }
 }
 
@@ -223,7 +362,7 @@ bool Blt(const BltArgs &in)
         snapshot.monoDdb = src->monoDdb;
         snapshot.table = src->table;
         size_t size = static_cast<size_t>(src->stride) * src->height;
-        snapshot.owned.reset(new uint8_t[size ? size : 1]);
+        snapshot.owned = AllocateBits(size);
         std::memcpy(snapshot.owned.get(), src->bits, size);
         snapshot.bits = snapshot.owned.get();
         src = &snapshot;
@@ -231,12 +370,44 @@ bool Blt(const BltArgs &in)
 
     Pixels &dst = *a.dst;
     uint32_t mask = dst.Mask();
+    if (a.rop == WHITENESS || a.rop == BLACKNESS || a.rop == PATCOPY) {
+        // Solid fills go row by row.
+        COLORREF color = a.rop == WHITENESS ? RGB(255, 255, 255) : a.rop == BLACKNESS ? RGB(0, 0, 0) : a.pattern;
+        uint32_t raw = dst.FromColor(color) & mask;
+        int x0 = std::max(a.x, 0), x1 = std::min(a.x + a.w, dst.width);
+        for (int Y = std::max(a.y, 0); Y < std::min(a.y + a.h, dst.height); ++Y)
+            dst.FillRow(Y, x0, x1, raw);
+        return true;
+    }
+    if (a.rop == SRCCOPY && a.sw == a.w && a.sh == a.h && !flipX && !flipY && (dst.bpp == 8 || dst.bpp == 24) &&
+        IdentityConversion(*src, dst)) {
+        // Unscaled copies between like pixels go row by row: the part of the
+        // rectangle inside both bitmaps.
+        int x0 = std::max({a.x, 0, a.x - a.sx}), x1 = std::min({a.x + a.w, dst.width, a.x - a.sx + src->width});
+        int y0 = std::max({a.y, 0, a.y - a.sy}), y1 = std::min({a.y + a.h, dst.height, a.y - a.sy + src->height});
+        size_t pixel = static_cast<size_t>(dst.bpp / 8);
+        for (int Y = y0; x0 < x1 && Y < y1; ++Y)
+            std::memmove(dst.Row(Y) + pixel * x0, src->Row(a.sy + Y - a.y) + pixel * (a.sx + x0 - a.x),
+                         pixel * static_cast<size_t>(x1 - x0));
+        return true;
+    }
     Converter conv(src ? *src : dst, a.srcDc, dst, a.dstDc);
     uint32_t pat = dst.FromColor(a.pattern);
     uint32_t white = dst.FromColor(RGB(255, 255, 255));
     uint32_t black = dst.FromColor(RGB(0, 0, 0));
+    // The merging stretch modes AND (BLACKONWHITE) or OR (WHITEONBLACK) the
+    // colours of the eliminated pixels into the ones kept: each destination
+    // row merges its band of source rows once, each pixel then its columns.
     bool merge =
         needSrc && (a.stretchMode == BLACKONWHITE || a.stretchMode == WHITEONBLACK) && (a.sw > a.w || a.sh > a.h);
+    bool andScans = a.stretchMode == BLACKONWHITE;
+    int mergeX0 = 0, mergeX1 = 0;
+    std::vector<COLORREF> merged;
+    std::vector<uint8_t> mergeBytes;
+    if (merge) {
+        mergeX0 = std::clamp(a.sx, 0, src->width);
+        mergeX1 = std::clamp(a.sx + a.sw, mergeX0, src->width);
+    }
 
     for (int dy = 0; dy < a.h; ++dy) {
         int Y = a.y + dy;
@@ -246,6 +417,13 @@ bool Blt(const BltArgs &in)
         int syLo = static_cast<int>(int64_t(ky) * a.sh / a.h);
         int syHi = std::max(syLo + 1, static_cast<int>(int64_t(ky + 1) * a.sh / a.h));
         int syNear = static_cast<int>((int64_t(2 * ky + 1) * a.sh) / (2 * int64_t(a.h)));
+        bool mergedRows = false;
+        if (merge) {
+            int y0 = std::clamp(a.sy + syLo, 0, src->height), y1 = std::clamp(a.sy + syHi, y0, src->height);
+            mergedRows = y0 < y1 && mergeX0 < mergeX1;
+            if (mergedRows)
+                MergeRows(*src, conv, mergeX0, mergeX1, y0, y1, andScans, merged, mergeBytes);
+        }
         for (int dx = 0; dx < a.w; ++dx) {
             int X = a.x + dx;
             if (X < 0 || X >= dst.width)
@@ -256,23 +434,12 @@ bool Blt(const BltArgs &in)
                 if (merge) {
                     int sxLo = static_cast<int>(int64_t(kx) * a.sw / a.w);
                     int sxHi = std::max(sxLo + 1, static_cast<int>(int64_t(kx + 1) * a.sw / a.w));
-                    bool any = false;
-                    COLORREF c = a.stretchMode == BLACKONWHITE ? 0xFFFFFFu : 0u;
-                    for (int yy = syLo; yy < syHi; ++yy) {
-                        int SY = a.sy + yy;
-                        if (SY < 0 || SY >= src->height)
-                            continue;
-                        for (int xx = sxLo; xx < sxHi; ++xx) {
-                            int SX = a.sx + xx;
-                            if (SX < 0 || SX >= src->width)
-                                continue;
-                            COLORREF sc = conv.SourceColor(src->Get(SX, SY));
-                            c = a.stretchMode == BLACKONWHITE ? (c & sc) : (c | sc);
-                            any = true;
-                        }
-                    }
-                    if (!any)
+                    int x0 = std::clamp(a.sx + sxLo, mergeX0, mergeX1), x1 = std::clamp(a.sx + sxHi, x0, mergeX1);
+                    if (!mergedRows || x0 == x1)
                         continue;
+                    COLORREF c = andScans ? 0xFFFFFFu : 0u;
+                    for (int SX = x0; SX < x1; ++SX)
+                        c = andScans ? (c & merged[SX - mergeX0]) : (c | merged[SX - mergeX0]);
                     S = conv.FromColor(c);
                 } else {
                     int sxNear = static_cast<int>((int64_t(2 * kx + 1) * a.sw) / (2 * int64_t(a.w)));

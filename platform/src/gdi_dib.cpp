@@ -69,19 +69,6 @@ void CopyRow(const Pixels &src, int sy, Pixels &dst, int dy, int width, Converte
         dst.Set(x, dy, conv.FromRaw(src.Get(x, sy)));
 }
 
-bool IdentityConversion(const Pixels &src, const Pixels &dst)
-{
-    if (src.bpp != dst.bpp || src.monoDdb != dst.monoDdb)
-        return false;
-    if (!src.Indexed() || src.monoDdb)
-        return true;
-    for (size_t i = 0; i < src.table.size(); ++i) {
-        if (i >= dst.table.size() || QuadToColor(src.table[i]) != QuadToColor(dst.table[i]))
-            return false;
-    }
-    return true;
-}
-
 // Copies `count` scan lines from `start` on between a bitmap and a caller's
 // buffer whose row k holds scan line start + k: the bitmap is dst when
 // `intoBitmap`, else src.
@@ -238,7 +225,12 @@ extern "C" int WINAPI GetDIBits(HDC dc, HBITMAP bitmap, UINT start, UINT lines, 
     dst.height = count;
     dst.topDown = true; // buffer row k holds scan line start + k
     dst.bits = static_cast<uint8_t *>(bits);
-    std::memset(dst.bits, 0, static_cast<size_t>(dst.stride) * count);
+    // What the copy leaves of each row is zeroed: the padding, and with a
+    // conversion the whole row (a like copy writes its whole bytes itself).
+    size_t copied =
+        IdentityConversion(src, dst) ? static_cast<size_t>(std::min(src.width, dst.width)) * dst.bpp / 8 : 0;
+    for (int k = 0; k < count; ++k)
+        std::memset(dst.bits + static_cast<size_t>(k) * dst.stride + copied, 0, dst.stride - copied);
     CopyScanLines(src, dst, false, bottomUp, static_cast<int>(start), count);
     return count;
 }
