@@ -11,6 +11,7 @@
 #include <algorithm>
 #include <array>
 #include <atomic>
+#include <deque>
 #include <mutex>
 
 namespace sim
@@ -40,7 +41,9 @@ struct Bus {
     int nextHandle = kFirstHandle;
     uint32_t timeoutTenths = 100;
     uint32_t srqMode = 0x80;
-    std::vector<GpibCall> calls;
+    // The latest calls; `firstCall` numbers the oldest one kept.
+    std::deque<GpibCall> calls;
+    size_t firstCall = 0;
     std::vector<Fault> faults;
 };
 
@@ -70,13 +73,39 @@ bool Enter(Bus &bus, const char *name, DWORD *error)
     return false;
 }
 
+// The record is bounded: the latest kRecordCalls calls, with at most
+// kRecordBytes of data each, so that a whole scanned page costs little.
+constexpr size_t kRecordCalls = 4096;
+constexpr size_t kRecordBytes = 64;
+
 GpibCall &Record(Bus &bus, const char *name, std::initializer_list<long> args)
 {
     GpibCall call;
     call.name = name;
     call.args.assign(args);
+    if (bus.calls.size() == kRecordCalls) {
+        bus.calls.pop_front();
+        ++bus.firstCall;
+    }
     bus.calls.push_back(std::move(call));
     return bus.calls.back();
+}
+
+// Number of the latest call, for Recorded().
+size_t LatestCall(const Bus &bus)
+{
+    return bus.firstCall + bus.calls.size() - 1;
+}
+
+void RecordData(GpibCall &call, const uint8_t *data, size_t count)
+{
+    call.data.assign(data, data + std::min(count, kRecordBytes));
+}
+
+void ClearRecord(Bus &bus)
+{
+    bus.firstCall += bus.calls.size();
+    bus.calls.clear();
 }
 
 // Ends a call: stores the result in its record and sets the last error on failure.
@@ -90,11 +119,13 @@ int Finish(GpibCall &call, int result, DWORD error)
 }
 
 // The record of a call that waited without the lock; a scratch record if a
-// test cleared the record meanwhile.
-GpibCall &Recorded(Bus &bus, size_t index)
+// test cleared the record or it was dropped meanwhile.
+GpibCall &Recorded(Bus &bus, size_t number)
 {
     static GpibCall scratch;
-    return index < bus.calls.size() ? bus.calls[index] : scratch;
+    if (number < bus.firstCall || number - bus.firstCall >= bus.calls.size())
+        return scratch;
+    return bus.calls[number - bus.firstCall];
 }
 
 bool ValidHandle(const Bus &bus, int handle)
@@ -231,7 +262,7 @@ std::vector<GpibCall> GpibCalls()
 {
     Bus &bus = TheBus();
     std::lock_guard<std::mutex> lock(bus.mutex);
-    return bus.calls;
+    return std::vector<GpibCall>(bus.calls.begin(), bus.calls.end());
 }
 
 std::vector<GpibCall> GpibCallsOf(const std::string &name)
@@ -247,7 +278,7 @@ void ClearGpibCalls()
 {
     Bus &bus = TheBus();
     std::lock_guard<std::mutex> lock(bus.mutex);
-    bus.calls.clear();
+    ClearRecord(bus);
 }
 
 void FailGpibProcedure(const char *name, unsigned nth, unsigned long error)
@@ -280,7 +311,7 @@ void ResetGpibBus()
     bus.listeners = 0;
     bus.timeoutTenths = 100;
     bus.srqMode = 0x80;
-    bus.calls.clear();
+    ClearRecord(bus);
     bus.faults.clear();
 }
 
@@ -452,7 +483,7 @@ int Write(int handle, const uint8_t *commands, uint32_t commandCount, const uint
         if (commands)
             call.commands.assign(commands, commands + commandCount);
         if (data)
-            call.data.assign(data, data + count);
+            RecordData(call, data, count);
         DWORD error = 0;
         if (Enter(bus, "WriteGpib", &error))
             return Finish(call, 0, error);
@@ -507,7 +538,7 @@ int Read(int handle, const uint8_t *commands, uint32_t commandCount, uint8_t *bu
         if (bus.talker >= 0 && bus.talker != bus.boardAddress)
             talker = bus.devices[bus.talker];
         limitMs = bus.timeoutTenths * 100;
-        index = bus.calls.size() - 1;
+        index = LatestCall(bus);
     }
     ClearDevices(cleared);
 
@@ -531,7 +562,7 @@ int Read(int handle, const uint8_t *commands, uint32_t commandCount, uint8_t *bu
         error = 0;
     std::lock_guard<std::mutex> lock(bus.mutex);
     GpibCall &call = Recorded(bus, index);
-    call.data.assign(buffer, buffer + got);
+    RecordData(call, buffer, got);
     return Finish(call, error ? 0 : 1, error);
 }
 
@@ -563,14 +594,14 @@ int SerialPoll(int handle, PollDevices *devices, PollStatuses *statuses, uint32_
         // The poll leaves the board listening and nobody talking.
         bus.listeners = 1u << bus.boardAddress;
         bus.talker = -1;
-        index = bus.calls.size() - 1;
+        index = LatestCall(bus);
     }
     for (size_t i = 0; i < polled.size(); ++i)
         statuses->status[i] = polled[i]->SerialPoll();
     *completion = kPollComplete;
     std::lock_guard<std::mutex> lock(bus.mutex);
     GpibCall &call = Recorded(bus, index);
-    call.data.assign(statuses->status, statuses->status + polled.size());
+    RecordData(call, statuses->status, polled.size());
     return Finish(call, 1, 0);
 }
 
@@ -590,7 +621,7 @@ int WaitSrq(int handle, uint16_t wait)
         for (auto &d : bus.devices)
             if (d)
                 devices.push_back(d);
-        index = bus.calls.size() - 1;
+        index = LatestCall(bus);
     }
     bool srq = WaitOnBus(GetTickCount(), static_cast<DWORD>(wait) * 10, [&] {
         return std::any_of(devices.begin(), devices.end(), [](const auto &d) { return d->ServiceRequest(); });

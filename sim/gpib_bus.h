@@ -54,12 +54,13 @@ void NotifyGpibBus();
 // A library that lacks "InitializeGpib" is built as <build>/lib/partial/gpibdll.so:
 // put that directory first on the module search path to load it as "GPIBDLL".
 
-// One call of a library procedure as the board saw it.
+// One call of a library procedure as the board saw it. The bus keeps the
+// latest 4096 calls, each with the first 64 bytes of its data.
 struct GpibCall {
     std::string name;              // "ReadGpib"
     std::vector<long> args;        // scalar arguments in order, the handle first
     std::vector<uint8_t> commands; // interface command bytes given
-    std::vector<uint8_t> data;     // data written, or data read
+    std::vector<uint8_t> data;     // data written, or data read (the first 64 bytes)
     long result = 0;               // the procedure's return value
     unsigned long error = 0;       // last error set by a failing call, else 0
 };

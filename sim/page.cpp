@@ -164,7 +164,67 @@ int Passes(const LineFormat &f)
     return f.colorMode == 17 ? 3 : 1;
 }
 
+namespace
+{
+
+// Rows of the chart that look alike: the part of the page a row crosses and,
+// in the checkerboard, which tint its first square has. Two rows of one
+// class hold the same samples at every x.
+int RowClass(long y)
+{
+    if (y < 0 || y >= 14028)
+        return 0;
+    if (y < 120 || y >= 13908)
+        return 1;
+    if (y < 1320)
+        return 2;
+    if (y < 4920)
+        return 3;
+    return 4 + static_cast<int>(((y - 4920) / 300) & 1);
+}
+
+// The last line packed on this thread: the scanners send runs of rows of one
+// class, and a row of the same class, format and pass is packed alike (the
+// halftone dither also follows the row modulo 4).
+struct PackedLine {
+    LineFormat format;
+    int pass = -1;
+    int rowClass = -1;
+    long ditherRow = -1;
+    std::vector<uint8_t> line;
+};
+thread_local PackedLine t_lastPacked;
+
+bool SameFormat(const LineFormat &a, const LineFormat &b)
+{
+    return a.model == b.model && a.resolution == b.resolution && a.colorStep == b.colorStep &&
+           a.colorMode == b.colorMode && a.left == b.left && a.width == b.width;
+}
+
+std::vector<uint8_t> PackNewLine(const LineFormat &f, long row, int pass);
+
+} // namespace
+
 std::vector<uint8_t> PackLine(const LineFormat &f, long row, int pass)
+{
+    PackedLine &last = t_lastPacked;
+    const int rowClass = f.resolution > 0 ? RowClass(row * 1200 / f.resolution) : -1;
+    const long ditherRow = f.colorStep == 16 ? (row & 3) : 0;
+    if (rowClass < 0 || !SameFormat(last.format, f) || last.pass != pass || last.rowClass != rowClass ||
+        last.ditherRow != ditherRow) {
+        last.line = PackNewLine(f, row, pass);
+        last.format = f;
+        last.pass = pass;
+        last.rowClass = rowClass;
+        last.ditherRow = ditherRow;
+    }
+    return last.line;
+}
+
+namespace
+{
+
+std::vector<uint8_t> PackNewLine(const LineFormat &f, long row, int pass)
 {
     std::vector<uint8_t> line(static_cast<size_t>(LineBytes(f)), 0);
     int p, q;
@@ -206,5 +266,7 @@ std::vector<uint8_t> PackLine(const LineFormat &f, long row, int pass)
     }
     return line;
 }
+
+} // namespace
 
 } // namespace sim

@@ -226,6 +226,13 @@ TEST_F(GpibTest, TimedReadsSetTheTimeoutAndTellTimeOutsFromFailures)
     EXPECT_TRUE(GpWriteCommand(&dcl, 1));
     EXPECT_EQ(GpReadBytes(buf, 1, 500), -1); // silence
     EXPECT_EQ(sim::GpibCallsOf("SetGpibTimeout").back().args[1], 5);
+    // A page's worth of transfers leaves a bounded record: the latest 4096
+    // calls, with the first 64 bytes of data each.
+    const std::string block(200, 'x');
+    for (int i = 0; i < 4100; ++i)
+        ASSERT_TRUE(GpWrite(block.c_str(), 200));
+    EXPECT_EQ(sim::GpibCalls().size(), 4096u);
+    EXPECT_EQ(sim::GpibCallsOf("WriteGpib").back().data, Bytes(64, 'x'));
     Close();
 }
 
