@@ -7,6 +7,8 @@
    line on the scan thread. */
 #include "image/image.h"
 
+#include <string.h>
+
 /* Widens the (8 - shift)-bit level held in the top bits of value to 8 bits. */
 BYTE ImgExpandLevel(BYTE value, int shift)
 {
@@ -63,9 +65,18 @@ static int ImgLevelShiftFor(DWORD colours)
 
 static void ImgCopyBytes(BYTE *dst, const BYTE *src, LONG count)
 {
-    LONG i;
+    if (count > 0)
+        memcpy(dst, src, (size_t)count);
+}
+
+/* The level expansion of every byte value (or, with count 16, of every
+   nibble placed in the top four bits), so that a line costs one look-up per
+   sample. */
+static void ImgBuildLevelTable(BYTE *table, int count, int shift)
+{
+    int i;
     for (i = 0; i < count; i++)
-        dst[i] = src[i];
+        table[i] = ImgExpandLevel((BYTE)(count == 16 ? i << 4 : i), shift);
 }
 
 static void ImgConvertMono(const BYTE *raw, BYTE *row, const BITMAPINFOHEADER *header)
@@ -109,12 +120,23 @@ static void ImgConvertColourOnePass(const BYTE *raw, BYTE *row, const BITMAPINFO
             v = (BYTE)((v >> 2) | (r0 & 0xC3));
             row[i] = (BYTE)(v >> 2);
         }
-    } else if ((shift = ImgLevelShiftFor(colours)) >= 0) {
-        /* Red, green, blue in, blue, green, red out. */
+    } else if ((shift = ImgLevelShiftFor(colours)) == 0) {
+        /* Red, green, blue in, blue, green, red out: full levels need no
+           widening. */
         for (i = 0; i < width; i++) {
-            row[3 * i] = ImgExpandLevel(raw[3 * i + 2], shift);
-            row[3 * i + 1] = ImgExpandLevel(raw[3 * i + 1], shift);
-            row[3 * i + 2] = ImgExpandLevel(raw[3 * i], shift);
+            BYTE red = raw[3 * i];
+            row[3 * i] = raw[3 * i + 2];
+            row[3 * i + 1] = raw[3 * i + 1];
+            row[3 * i + 2] = red;
+        }
+    } else if (shift > 0) {
+        BYTE level[256];
+        ImgBuildLevelTable(level, 256, shift);
+        for (i = 0; i < width; i++) {
+            BYTE red = raw[3 * i];
+            row[3 * i] = level[raw[3 * i + 2]];
+            row[3 * i + 1] = level[raw[3 * i + 1]];
+            row[3 * i + 2] = level[red];
         }
     }
 }
@@ -157,18 +179,21 @@ static void ImgConvertColourPass(const BYTE *raw, BYTE *row, const BITMAPINFOHEA
     } else if (colours == 512 || colours == 4096) {
         /* Two 4-bit samples per raw byte, first pixel in the high nibble. */
         LONG count = (width + 1) / 2;
-        int shift = colours == 512 ? 5 : 4;
+        BYTE level[16];
+        ImgBuildLevelTable(level, 16, colours == 512 ? 5 : 4);
         for (i = 0; i < count; i++) {
             BYTE b = raw[i];
-            row[6 * i + channel] = ImgExpandLevel((BYTE)(b & 0xF0), shift);
-            row[6 * i + 3 + channel] = ImgExpandLevel((BYTE)(b << 4), shift);
+            row[6 * i + channel] = level[b >> 4];
+            row[6 * i + 3 + channel] = level[b & 0x0F];
         }
     } else {
+        BYTE level[256];
         int shift = ImgLevelShiftFor(colours);
         if (shift < 0)
             return;
+        ImgBuildLevelTable(level, 256, shift);
         for (i = 0; i < width; i++)
-            row[3 * i + channel] = ImgExpandLevel(raw[i], shift);
+            row[3 * i + channel] = level[raw[i]];
     }
 }
 

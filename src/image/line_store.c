@@ -5,6 +5,8 @@
    and add their channel to it. */
 #include "image/image.h"
 
+#include <string.h>
+
 LONG g_lineIsColour;
 LONG g_linePlanar;
 LONG g_linePlanes;
@@ -69,11 +71,9 @@ static void ImgStoreOneLine(void)
 {
     BITMAPINFOHEADER *header = &g_scanInfo->bmiHeader;
     UINT start = (UINT)(header->biHeight - g_lineRow);
-    DWORD i;
 
     if (!g_linePlanar || g_linePlane == 1) {
-        for (i = 0; i < g_lineStride; i++)
-            g_dibLine[i] = 0;
+        memset(g_dibLine, 0, g_lineStride);
         g_linePlaneSel = g_linePlanar ? 1 : 0;
     } else {
         g_linePlaneSel = g_linePlane == 2 ? 0 : 2;
