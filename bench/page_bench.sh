@@ -66,40 +66,29 @@ measure() {
     awk '{ printf "%.3f %.3f %d\n", $1 + $2, $3, $4 }' "$work/time" >>"$out"
 }
 
-driver_page() {
-    rm -f "$work/page.bmp"
-    "$mcicmd" --windir "$work/win" --install --scanner ks-650:scsi \
-        "open scanner alias s wait" \
-        "scanmode s resolution 480 colorstep 256 colormode 1 wait" \
-        "scanread s rect 0 0 4080 5611 wait" \
-        "save s $work/page.bmp wait" \
-        "close s wait"
-}
-
-driver_idle() {
-    "$mcicmd" --windir "$work/win" --install --scanner ks-650:scsi "open scanner alias s wait" "close s wait"
-}
-
-peer_page() {
-    scanimage -d test --mode Color --depth 8 --resolution 720 -x 144 -y 198 --format=pnm >"$work/peer.pnm"
-}
-
-copy_page() {
-    dd if=/dev/zero of="$work/copy" bs=1M count="$dd_blocks" iflag=count_bytes status=none
-}
+driver_page=("$mcicmd" --windir "$work/win" --install --scanner ks-650:scsi
+    "open scanner alias s wait"
+    "scanmode s resolution 480 colorstep 256 colormode 16386 wait"
+    "scanread s rect 0 0 4080 5611 wait"
+    "save s $work/page.bmp wait"
+    "close s wait")
+driver_idle=("$mcicmd" --windir "$work/win" --install --scanner ks-650:scsi "open scanner alias s wait" "close s wait")
+peer_page=(scanimage -d test --mode Color --depth 8 --resolution 720 -x 144 -y 198 --format=pnm
+    --output-file="$work/peer.pnm")
 
 mkdir -p "$work/win"
-driver_page >/dev/null 2>&1 || true # warm-up; also gives the byte count for dd
+"${driver_page[@]}" >/dev/null 2>&1 || true # warm-up; also gives the byte count for dd
 [ -s "$work/page.bmp" ] || { echo "page_bench: the driver saved no page" >&2; exit 1; }
 page_bytes=$(stat -c %s "$work/page.bmp")
-dd_blocks=$page_bytes
+copy_page=(dd if=/dev/zero of="$work/copy" bs=1M count="$page_bytes" iflag=count_bytes status=none)
 
 for ((i = 0; i < rounds; i++)); do
-    measure "$work/driver" driver_page
-    measure "$work/peer" peer_page
-    measure "$work/dd" copy_page
+    rm -f "$work/page.bmp" "$work/peer.pnm" "$work/copy"
+    measure "$work/driver" "${driver_page[@]}"
+    measure "$work/peer" "${peer_page[@]}"
+    measure "$work/dd" "${copy_page[@]}"
 done
-measure "$work/idle" driver_idle
+measure "$work/idle" "${driver_idle[@]}"
 
 median() { # column $2 of file $1
     sort -n -k"$2" "$1" | awk -v c="$2" '{ v[NR] = $c } END { print (NR % 2) ? v[(NR + 1) / 2] : (v[NR / 2] + v[NR / 2 + 1]) / 2 }'
@@ -133,6 +122,20 @@ awk -v peak="$peak" -v idle="$idle" -v image="$image" -v display="$display" 'BEG
            peak / 1024, idle / 1024, image / 1048576, display / 1048576, extra / 1048576
 }'
 
-echo "Driver line pipeline alone (4080-pixel lines, one core):"
-"$build/bin/line_bench" --benchmark_min_time=0.2 2>/dev/null |
-    awk '/line\// { for (i = 1; i <= NF; i++) if ($i ~ /\/s$/) rate = $(i - 1) " " $i; name = $1; for (i = 2; i <= NF && $i !~ /^[0-9.]+$/; i++) name = name " " $i; printf "  %-48s %s\n", name, rate }'
+echo "Driver line pipeline alone (4080-pixel lines, one core; MiB of image per CPU second):"
+"$build/bin/line_bench" --benchmark_min_time=0.2 2>/dev/null | awk '
+    /line\// {
+        rate = 0
+        for (i = 1; i <= NF; i++)
+            if ($i ~ /^bytes_per_second=/) {
+                v = $i
+                sub(/^bytes_per_second=/, "", v)
+                rate = v + 0
+                if (v ~ /G\/s$/) rate *= 1024
+                else if (v ~ /k\/s$/) rate /= 1024
+            }
+        name = $1
+        for (i = 2; i <= NF && !($i ~ /^[0-9.]+$/ && $(i + 1) ~ /^[nmu]?s$/); i++)
+            name = name " " $i
+        printf "  %-44s %9.0f MiB/s\n", name, rate
+    }'

@@ -13,6 +13,7 @@ namespace
 struct CsImpl {
     DWORD owner = 0;
     LONG recursion = 0;
+    uint64_t releases = 0; // times the section became free
 };
 
 CsImpl *Impl(LPCRITICAL_SECTION cs)
@@ -64,7 +65,8 @@ std::shared_ptr<plat::Object> Waitable(HANDLE handle)
 // driver's stop waits for the reader). On Windows time passes while it
 // spins; under the virtual clock it would stand still and a thread waiting
 // on a time-out would never get on. So after every kSpinsPerMs re-entries
-// in a row the spinner waits 1 ms of platform time.
+// in a row the spinner waits 1 ms of platform time, or until another thread
+// has taken and left the section (the polled state may have changed).
 constexpr unsigned kSpinsPerMs = 64;
 thread_local const void *t_lastLeft = nullptr;
 thread_local unsigned t_spins = 0;
@@ -79,8 +81,12 @@ void NoteEntry(plat::Lock &lock, LPCRITICAL_SECTION cs)
     if (++t_spins < kSpinsPerMs)
         return;
     t_spins = 0;
-    if (PlatIsVirtualClock())
-        plat::Wait(lock, 1, [] { return false; });
+    if (PlatIsVirtualClock()) {
+        CsImpl *impl = Impl(cs);
+        uint64_t seen = impl->releases;
+        plat::Wait(
+            lock, 1, [impl, seen] { return impl->releases != seen; }, impl);
+    }
 }
 
 } // namespace
@@ -142,6 +148,7 @@ void WINAPI LeaveCriticalSection(LPCRITICAL_SECTION cs)
         return;
     if (--impl->recursion == 0) {
         impl->owner = 0;
+        ++impl->releases;
         plat::WakeObject(impl, false);
     }
     Publish(cs, *impl);
