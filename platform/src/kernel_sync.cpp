@@ -174,7 +174,7 @@ static BOOL SetEventState(HANDLE handle, bool on)
     plat::Lock lock = plat::LockWorld();
     event->Set(on);
     if (on)
-        plat::WakeObject(event.get(), true);
+        plat::WakeObject(static_cast<const plat::Object *>(event.get()), true); // the key its waiters use
     return TRUE;
 }
 
