@@ -2,9 +2,11 @@
 // Win32 error codes of failures.
 #include "support/platform_fixture.h"
 
+#include <csignal>
 #include <fstream>
 #include <iterator>
 #include <string>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -59,6 +61,36 @@ TEST_F(FilesTest, WriteReadSeekAndSize)
 
     std::ifstream in(Host("a.bmp"));
     EXPECT_EQ(std::string(std::istreambuf_iterator<char>(in), {}), "hello, world");
+}
+
+// Small writes reach the host in blocks; what cannot be written by the time
+// the file is closed (here past the host's file size limit) fails the close.
+TEST_F(FilesTest, AWriteThatFailsLateFailsTheClose)
+{
+    long files = PlatLiveCount(PLAT_KIND_FILE);
+    HANDLE h = Open("rows.bmp", GENERIC_WRITE, CREATE_NEW);
+    ASSERT_NE(h, INVALID_HANDLE_VALUE);
+    const std::string row(1000, 'r');
+    DWORD n = 0;
+    for (int i = 0; i < 3; ++i)
+        ASSERT_TRUE(WriteFile(h, row.data(), 1000, &n, nullptr));
+    rlimit old{};
+    ASSERT_EQ(getrlimit(RLIMIT_FSIZE, &old), 0);
+    rlimit limit = old;
+    limit.rlim_cur = 1500;
+    auto oldSignal = std::signal(SIGXFSZ, SIG_IGN);
+    ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &limit), 0);
+    BOOL closed = CloseHandle(h);
+    DWORD error = GetLastError();
+    setrlimit(RLIMIT_FSIZE, &old);
+    std::signal(SIGXFSZ, oldSignal);
+    EXPECT_FALSE(closed);
+    EXPECT_NE(error, DWORD(ERROR_SUCCESS));
+    EXPECT_EQ(PlatLiveCount(PLAT_KIND_FILE), files);
+    struct stat st {
+    };
+    ASSERT_EQ(stat(Host("rows.bmp").c_str(), &st), 0);
+    EXPECT_EQ(st.st_size, 1500);
 }
 
 TEST_F(FilesTest, DispositionsOnExistingAndMissingFiles)

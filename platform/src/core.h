@@ -62,8 +62,9 @@ public:
         return kind_ == Kind::Event || kind_ == Kind::Thread || kind_ == Kind::File;
     }
     // Called by CloseHandle after the handle left the table, without the
-    // world lock. The object itself goes when its last reference does.
-    virtual void OnClose() {}
+    // world lock. The object itself goes when its last reference does. False
+    // (last error set) makes CloseHandle fail, the handle closed all the same.
+    virtual bool OnClose() { return true; }
 
 private:
     Kind kind_;

@@ -80,11 +80,30 @@ std::string ParentOf(const std::string &path)
     return slash == 0 ? "/" : path.substr(0, slash);
 }
 
+// A file on the host. Small writes to a regular file are gathered and go
+// to the host in blocks of kGather bytes (a page saved row by row would
+// otherwise cost a system call per row); every other use of the file, and
+// CloseHandle, first writes what is gathered, and reports its failure.
 class HostFile : public Stream
 {
 public:
-    HostFile(int fd, DWORD access) : fd_(fd), access_(access) {}
-    ~HostFile() override { ::close(fd_); }
+    HostFile(int fd, DWORD access) : fd_(fd), access_(access)
+    {
+        struct stat st {
+        };
+        gather_ = (access & (GENERIC_WRITE | GENERIC_ALL)) && ::fstat(fd, &st) == 0 && S_ISREG(st.st_mode);
+    }
+    ~HostFile() override
+    {
+        WriteGathered();
+        ::close(fd_);
+    }
+
+    bool OnClose() override
+    {
+        std::lock_guard<std::mutex> guard(mutex_);
+        return WriteGathered();
+    }
 
     bool Read(void *buffer, DWORD size, DWORD *done) override
     {
@@ -92,6 +111,9 @@ public:
             SetError(ERROR_ACCESS_DENIED);
             return false;
         }
+        std::lock_guard<std::mutex> guard(mutex_);
+        if (!WriteGathered())
+            return false;
         auto *p = static_cast<uint8_t *>(buffer);
         while (*done < size) {
             ssize_t n = ::read(fd_, p + *done, size - *done);
@@ -114,22 +136,23 @@ public:
             SetError(ERROR_ACCESS_DENIED);
             return false;
         }
+        std::lock_guard<std::mutex> guard(mutex_);
         const auto *p = static_cast<const uint8_t *>(buffer);
-        while (*done < size) {
-            ssize_t n = ::write(fd_, p + *done, size - *done);
-            if (n < 0 && errno == EINTR)
-                continue;
-            if (n <= 0) {
-                SetError(n < 0 ? ErrorFromErrno(errno) : ERROR_DISK_FULL);
-                return false;
-            }
-            *done += static_cast<DWORD>(n);
+        if (gathered_.size() + size > kGather && !WriteGathered())
+            return false;
+        if (gather_ && size < kGather) {
+            gathered_.insert(gathered_.end(), p, p + size);
+            *done = size;
+            return true;
         }
-        return true;
+        return WriteOut(p, size, done);
     }
 
     bool Flush() override
     {
+        std::lock_guard<std::mutex> guard(mutex_);
+        if (!WriteGathered())
+            return false;
         if (::fsync(fd_) != 0 && errno != EINVAL) {
             SetError(ErrorFromErrno(errno));
             return false;
@@ -139,6 +162,9 @@ public:
 
     bool Seek(int64_t distance, DWORD method, int64_t *position) override
     {
+        std::lock_guard<std::mutex> guard(mutex_);
+        if (!WriteGathered())
+            return false;
         int whence = method == FILE_BEGIN ? SEEK_SET : method == FILE_CURRENT ? SEEK_CUR : SEEK_END;
         if (method > FILE_END) {
             SetError(ERROR_INVALID_PARAMETER);
@@ -164,6 +190,9 @@ public:
 
     bool Size(uint64_t *size) override
     {
+        std::lock_guard<std::mutex> guard(mutex_);
+        if (!WriteGathered())
+            return false;
         struct stat st {
         };
         if (::fstat(fd_, &st) != 0) {
@@ -175,8 +204,39 @@ public:
     }
 
 private:
+    static constexpr size_t kGather = 64 * 1024;
+
+    bool WriteOut(const uint8_t *p, DWORD size, DWORD *done)
+    {
+        while (*done < size) {
+            ssize_t n = ::write(fd_, p + *done, size - *done);
+            if (n < 0 && errno == EINTR)
+                continue;
+            if (n <= 0) {
+                SetError(n < 0 ? ErrorFromErrno(errno) : ERROR_DISK_FULL);
+                return false;
+            }
+            *done += static_cast<DWORD>(n);
+        }
+        return true;
+    }
+
+    // Under mutex_. What cannot be written is dropped (the error is set).
+    bool WriteGathered()
+    {
+        if (gathered_.empty())
+            return true;
+        DWORD done = 0;
+        bool ok = WriteOut(gathered_.data(), static_cast<DWORD>(gathered_.size()), &done);
+        gathered_.clear();
+        return ok;
+    }
+
     int fd_;
     DWORD access_;
+    bool gather_ = false;
+    std::mutex mutex_;
+    std::vector<uint8_t> gathered_;
 };
 
 std::shared_ptr<Stream> FindStream(HANDLE h)

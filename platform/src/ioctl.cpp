@@ -39,7 +39,11 @@ public:
     {
         return Result(device_->Control(code, in, inSize, out, outSize, returned));
     }
-    void OnClose() override { device_->Close(); }
+    bool OnClose() override
+    {
+        device_->Close();
+        return true;
+    }
 
 private:
     static bool Result(DWORD error)

@@ -254,8 +254,7 @@ BOOL WINAPI CloseHandle(HANDLE handle)
         plat::SetError(ERROR_INVALID_HANDLE);
         return FALSE;
     }
-    obj->OnClose();
-    return TRUE;
+    return obj->OnClose() ? TRUE : FALSE;
 }
 
 } // extern "C"

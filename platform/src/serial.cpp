@@ -108,12 +108,13 @@ public:
 
     Line &line() { return *line_; }
 
-    void OnClose() override
+    bool OnClose() override
     {
         Lock lock = LockWorld();
         line_->open = false;
         line_->input.clear();
         Signal(*line_);
+        return true;
     }
 
     bool Read(void *buffer, DWORD size, DWORD *done) override
