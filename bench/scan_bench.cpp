@@ -14,6 +14,8 @@
 #include "scsi_scanner.h"
 #include "serial_link.h"
 
+#include "scratch_windows.h"
+
 #include <unistd.h>
 
 #include <algorithm>
@@ -63,17 +65,9 @@ struct Case {
 int main(int argc, char **argv)
 {
     const int repeats = argc > 1 ? std::max(1, std::atoi(argv[1])) : 3;
-    char dir[] = "/tmp/scan_bench.XXXXXX";
-    if (!mkdtemp(dir)) {
-        std::perror("scan_bench: mkdtemp");
+    const std::string dir = MakeScratchWindows("scan_bench");
+    if (dir.empty())
         return 2;
-    }
-    std::error_code ec;
-    auto self = std::filesystem::read_symlink("/proc/self/exe", ec).parent_path().string();
-    PlatSetModuleSearchPath((self + ":" + self + "/../lib").c_str());
-    PlatSetWindowsDirectory(dir);
-    PlatUseVirtualClock(TRUE);
-    WritePrivateProfileStringW(TEXT("MCI32"), TEXT("Scanner"), TEXT("TAMRIX.DLL"), TEXT("system.ini"));
 
     const Case cases[] = {
         {"KS-620 RS-232C, 2 levels, 400 dpi", 2, 2, 1, 400, "colorstep 2", {20, 0, 760, 1100}},
@@ -126,6 +120,7 @@ int main(int argc, char **argv)
         }
         std::printf("%-48s %12.1f\n", c.name, bestMs);
     }
+    std::error_code ec;
     std::filesystem::remove_all(dir, ec);
     return failed ? 1 : 0;
 }

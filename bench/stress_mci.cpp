@@ -19,6 +19,8 @@
 #include "scsi_scanner.h"
 #include "serial_link.h"
 
+#include "scratch_windows.h"
+
 #include <unistd.h>
 
 #include <array>
@@ -268,19 +270,11 @@ int main(int argc, char **argv)
 {
     const unsigned first = argc > 1 ? static_cast<unsigned>(std::strtoul(argv[1], nullptr, 10)) : 1;
     const unsigned count = argc > 2 ? static_cast<unsigned>(std::strtoul(argv[2], nullptr, 10)) : 30;
-    char dir[] = "/tmp/stress_mci.XXXXXX";
-    if (!mkdtemp(dir)) {
-        std::perror("stress_mci: mkdtemp");
+    const std::string dir = MakeScratchWindows("stress_mci");
+    if (dir.empty())
         return 2;
-    }
-    std::error_code ec;
-    auto self = std::filesystem::read_symlink("/proc/self/exe", ec).parent_path().string();
-    PlatSetModuleSearchPath((self + ":" + self + "/../lib").c_str());
-    PlatSetWindowsDirectory(dir);
-    PlatUseVirtualClock(TRUE);
-    WritePrivateProfileStringW(TEXT("MCI32"), TEXT("Scanner"), TEXT("TAMRIX.DLL"), TEXT("system.ini"));
     // Saved files land in the scratch directory.
-    if (chdir(dir) != 0)
+    if (chdir(dir.c_str()) != 0)
         return 2;
     WNDCLASSW wc{};
     wc.lpfnWndProc = CollectProc;
@@ -295,6 +289,7 @@ int main(int argc, char **argv)
     }
     std::printf("stress_mci: %u of %u seeds from %u failed\n", failed, count, first);
     UnregisterClassW(TEXT("StressSink"), nullptr);
+    std::error_code ec;
     std::filesystem::remove_all(dir, ec);
     return failed ? 1 : 0;
 }

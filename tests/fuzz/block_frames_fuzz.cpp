@@ -6,6 +6,7 @@
 // read (a scanner that stops talking times out), hands out no more than a
 // block holds, and leaves no memory behind.
 #include "fuzz_input.h"
+#include "read_block.h"
 
 #include "serial_link.h"
 
@@ -124,14 +125,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
             result = -1;
             break;
         }
-        ReadBlock block{buffer.data(), capacity, 0xFFFFFFFF};
-        result = ProtReadImage(&p, &block);
-        p.firstBlock = 0;
-        fuzz::Check(result >= 0 && result <= 2, "read answered an unknown status");
-        fuzz::Check(block.count <= capacity, "read delivered more than the block holds");
-        total += block.count;
-        for (DWORD i = capacity; i < capacity + 16; i++)
-            fuzz::Check(buffer[i] == 0xA5, "read wrote past the block");
+        result = fuzz::ReadCheckedBlock(&p, buffer, capacity, &total);
     }
     fuzz::Check(result != 1, "a finite stream never ended");
     if (result == -1) {

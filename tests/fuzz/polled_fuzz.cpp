@@ -6,6 +6,7 @@
 // the virtual clock. Every input ends the read with 0 or 2, within what the
 // blocks hold, and leaves nothing behind.
 #include "fuzz_input.h"
+#include "read_block.h"
 
 #include "gpib_bus.h"
 
@@ -138,14 +139,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
         result = 1;
         p.firstBlock = 1;
         for (long blocks = 0; result == 1 && blocks < 100000; blocks++) {
-            ReadBlock block{buffer.data(), capacity, 0xFFFFFFFF};
-            result = ProtReadImage(&p, &block);
-            p.firstBlock = 0;
-            fuzz::Check(result >= 0 && result <= 2, "read answered an unknown status");
-            fuzz::Check(block.count <= capacity, "read delivered more than the block holds");
-            total += block.count;
-            for (DWORD i = capacity; i < capacity + 16; i++)
-                fuzz::Check(buffer[i] == 0xA5, "read wrote past the block");
+            result = fuzz::ReadCheckedBlock(&p, buffer, capacity, &total);
         }
         ProtFinish();
     }
