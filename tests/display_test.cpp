@@ -202,6 +202,7 @@ TEST_F(DisplayTest, PaintsCopyAtDestinationAndWhiteAroundIt)
     // display DIB of a 33 pixel wide destination is 64 wide, and its unused
     // right part is not drawn.
     ASSERT_EQ(Put(MCI_ANIM_PUT_DESTINATION, 10, 20, 33, 8), 0u);
+    Update(g_displayWnd); // the new destination's own repaint, done first
     Fill(g_displayWnd, kGrey);
     RECT across{12, 20, 100, 28};
     InvalidateRect(g_displayWnd, &across, TRUE);
